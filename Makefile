@@ -1,0 +1,42 @@
+# Entry points; the real build is CMake. See README.md.
+JOBS ?= $(shell nproc)
+ASAN_DIR  := build/asan
+TSAN_DIR  := build/tsan
+REL_DIR   := build/release
+CMAKE_COMMON := -DCMAKE_EXPORT_COMPILE_COMMANDS=ON
+
+.PHONY: deps test test-asan test-tsan run bench release format clean
+
+deps:
+	@scripts/install-deps.sh
+
+# Every test, under AddressSanitizer + UndefinedBehaviorSanitizer, then the
+# concurrency tests under ThreadSanitizer.
+test: deps test-asan test-tsan
+
+test-asan:
+	cmake -S . -B $(ASAN_DIR) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Debug -DLOOPSTORE_SANITIZE=address
+	cmake --build $(ASAN_DIR) -j $(JOBS)
+	cd $(ASAN_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600
+
+test-tsan:
+	cmake -S . -B $(TSAN_DIR) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Debug -DLOOPSTORE_SANITIZE=thread
+	cmake --build $(TSAN_DIR) -j $(JOBS)
+	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600 -L concurrency
+
+release: deps
+	cmake -S . -B $(REL_DIR) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Release
+	cmake --build $(REL_DIR) -j $(JOBS)
+
+bench: release
+	@for b in $(REL_DIR)/bench/*_bench; do echo "== $$b"; $$b; done
+
+# The main job. Until the host program exists it builds everything and runs
+# the benchmarks, which exercise the storage end to end.
+run: bench
+
+format:
+	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+clean:
+	rm -rf build

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+
+namespace Moreld::Time {
+
+// A signed count of nanoseconds, used both for instants (since the Unix epoch,
+// UTC) and for durations. A value type: copyable, comparable, 8 bytes.
+// Default-constructed, it is 0 ns.
+//
+// Text forms, used everywhere the system prints time:
+//   ToString():         ISO-8601 UTC with nanoseconds, "2026-11-21T04:33:00.123456789Z"
+//   ToDurationString(): seconds with a 9-digit fraction, "-1.500000000s"
+// The stream operator writes ToString().
+class TimePoint {
+public:
+    constexpr TimePoint() = default;
+
+    static constexpr TimePoint FromNanoseconds(int64_t ns) { return TimePoint(ns); }
+    static constexpr TimePoint FromMilliseconds(int64_t ms) { return TimePoint(ms * 1'000'000); }
+    static constexpr TimePoint FromSeconds(int64_t s) { return TimePoint(s * 1'000'000'000); }
+    // The current instant of the system (wall) clock.
+    static TimePoint Now();
+
+    // Parses the ToString() form; also accepts fewer fraction digits, no
+    // fraction, and a "+hh:mm" / "-hh:mm" offset instead of "Z". Throws
+    // std::invalid_argument with the text on anything else.
+    static TimePoint FromString(const std::string& text);
+
+    constexpr int64_t ToNanoseconds() const { return ns_; }
+
+    std::string ToString() const;
+    std::string ToDurationString() const;
+
+    friend constexpr auto operator<=>(TimePoint, TimePoint) = default;
+    friend constexpr TimePoint operator+(TimePoint a, TimePoint b) { return TimePoint(a.ns_ + b.ns_); }
+    friend constexpr TimePoint operator-(TimePoint a, TimePoint b) { return TimePoint(a.ns_ - b.ns_); }
+    constexpr TimePoint& operator+=(TimePoint o) {
+        ns_ += o.ns_;
+        return *this;
+    }
+    constexpr TimePoint& operator-=(TimePoint o) {
+        ns_ -= o.ns_;
+        return *this;
+    }
+
+private:
+    constexpr explicit TimePoint(int64_t ns) : ns_(ns) {}
+    int64_t ns_ = 0;
+};
+
+std::ostream& operator<<(std::ostream& os, const TimePoint& tp);
+
+}  // namespace Moreld::Time

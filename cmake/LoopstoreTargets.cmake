@@ -1,0 +1,59 @@
+# Helpers shared by every CMakeLists.txt of the tree.
+#
+# A "unit" is an OBJECT library for one folder of the tree (Platform/Time,
+# Storage/Indexes/Ram, ...): it states its own sources and dependencies, and
+# the shared libraries loopstore_platform and loopstore are assembled from the
+# units' objects (loopstore_shared_library). Tests link the shared libraries.
+
+set(LOOPSTORE_WARNINGS -Wall -Wextra)
+
+# loopstore_unit(<name> SOURCES <files...> [DEPS <targets...>])
+function(loopstore_unit name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_library(${name} OBJECT ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+    $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}>)
+  target_compile_options(${name} PRIVATE ${LOOPSTORE_WARNINGS})
+  if(ARG_DEPS)
+    target_link_libraries(${name} PUBLIC ${ARG_DEPS})
+  endif()
+endfunction()
+
+# loopstore_test(<name> SOURCES <files...> DEPS <targets...> [LABELS <labels...>])
+# One GoogleTest executable; each test case is registered with ctest.
+function(loopstore_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;LABELS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_compile_options(${name} PRIVATE ${LOOPSTORE_WARNINGS})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} loopstore_testsupport GTest::gmock GTest::gtest_main)
+  set(props "")
+  if(ARG_LABELS)
+    set(props PROPERTIES LABELS "${ARG_LABELS}")
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 ${props})
+endfunction()
+
+# loopstore_bench(<name> SOURCES <files...> DEPS <targets...>)
+function(loopstore_bench name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_compile_options(${name} PRIVATE ${LOOPSTORE_WARNINGS})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} benchmark::benchmark)
+endfunction()
+
+# loopstore_shared_library(<name> UNITS <units...> DEPS <public deps...>)
+function(loopstore_shared_library name)
+  cmake_parse_arguments(ARG "" "" "UNITS;DEPS" ${ARGN})
+  add_library(${name} SHARED)
+  foreach(unit ${ARG_UNITS})
+    target_sources(${name} PRIVATE $<TARGET_OBJECTS:${unit}>)
+    add_dependencies(${name} ${unit})
+  endforeach()
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+    $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}>
+    $<INSTALL_INTERFACE:include/loopstore>)
+  target_link_libraries(${name} PUBLIC ${ARG_DEPS})
+  set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+endfunction()

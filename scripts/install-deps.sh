@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs the Debian packages loopstore builds and tests with. Idempotent: when
+# every package is already installed it does nothing (and needs no network).
+set -euo pipefail
+
+PACKAGES=(
+  cmake g++ make ccache pkg-config clang-format attr
+  libsqlite3-dev
+  libboost-thread-dev libboost-system-dev libboost-filesystem-dev
+  liblog4cplus-dev
+  libprotobuf-dev protobuf-compiler
+  libxxhash-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+)
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  exit 0
+fi
+
+echo "Installing: ${missing[*]}"
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
