@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+#include <utility>
+
+#include "Platform/Services/IService.h"
+#include "Platform/Services/ITrackReaderFactory.h"
+#include "Platform/Services/ITrackStorage.h"
+#include "Platform/Services/ITrackWriterFactory.h"
+
+namespace MoreldStorageApi {
+
+// The storage service a factory hands to the host: the three objects the
+// host talks to. The service owns them; they may refer to the factory that
+// built them, which must outlive the service. Not synchronised: the slots
+// are filled once, before the host uses them.
+class Service : public Moreld::Services::IService {
+  public:
+    // Each setter takes ownership of `object`, deleting the object the slot
+    // held before the slot takes the new one.
+    void SetTrackStorage(std::unique_ptr<ITrackStorage> object) {
+        trackStorage.reset();
+        trackStorage = std::move(object);
+    }
+    void SetTrackWriterFactory(std::unique_ptr<ITrackWriterFactory> object) {
+        trackWriterFactory.reset();
+        trackWriterFactory = std::move(object);
+    }
+    void SetTrackReaderFactory(std::unique_ptr<ITrackReaderFactory> object) {
+        trackReaderFactory.reset();
+        trackReaderFactory = std::move(object);
+    }
+
+    std::unique_ptr<ITrackStorage> trackStorage;
+    std::unique_ptr<ITrackWriterFactory> trackWriterFactory;
+    std::unique_ptr<ITrackReaderFactory> trackReaderFactory;
+};
+
+}  // namespace MoreldStorageApi
