@@ -1,0 +1,180 @@
+#pragma once
+
+#include <boost/thread/shared_mutex.hpp>
+
+#include <atomic>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Platform/Logging/Logger.h"
+#include "Platform/Time/TimePoint.h"
+#include "Storage/Indexes/File/ChunkFile.h"
+#include "Storage/Indexes/Ram/Block.h"
+#include "Storage/Indexes/Ram/IChunkProtectionFactory.h"
+#include "Storage/Indexes/Ram/IFileSystemManager.h"
+#include "Storage/Indexes/Ram/IProtectionManager.h"
+#include "Storage/Indexes/SQLite/TrackDB.h"
+
+// The RAM index of one track: for every chunk, the chunk file and offset that
+// hold it, and the choice of where the next chunk goes. The track owns a fixed
+// set of equal, preallocated files; each is either empty or the file of one
+// block. New chunks fill the current block, then a block on the next empty
+// file, then the file of the oldest unprotected block (loop recording).
+//
+// Persistence: the index is rebuilt from the track's TrackDB (OpenDatabase) and
+// repaired against the files after an unclean stop (HandlePowerFailure). The
+// database learns about chunks in batches, through SaveAndRemove, once their
+// file is complete.
+//
+// Thread safety: one appending thread (Append, SaveAndRemove), any number of
+// readers (Lookup, Next, Previous, the getters), and service threads for files
+// and protections. Locks, always taken in this order:
+//   1. filesMutex_  (reader/writer): emptyFiles_, recyclableKeys_, protections_,
+//                   observers_, the choice of the next file. Held by every
+//                   operation that erases blocks.
+//   2. indexMutex_  (reader/writer): blocks_ and the chunk counters.
+//   3. dbMutex_     (plain): serialises calls into trackDb_, which has no lock.
+// Counters that the service reads without a lock are atomics.
+class LoopRecordingFileManager : public IProtectionManager, public IFileSystemManager {
+  public:
+    using TimePoint = Moreld::Time::TimePoint;
+
+    explicit LoopRecordingFileManager(long trackId);
+    ~LoopRecordingFileManager() override;
+    LoopRecordingFileManager(const LoopRecordingFileManager&) = delete;
+    LoopRecordingFileManager& operator=(const LoopRecordingFileManager&) = delete;
+
+    // --- Appending (one thread) ---
+    // Places a chunk of `size` bytes starting at `tp`; returns it with its
+    // location. Throws std::runtime_error when the chunk starts before the end
+    // of the track, does not fit a file, or no file can take it; the index is
+    // then unchanged.
+    FileSystem::Chunk Append(const TimePoint& tp, const TimePoint& duration,
+                             unsigned long size) override;
+    FileSystem::Chunk AppendFirstChunk(const TimePoint& tp, const TimePoint& duration,
+                                       unsigned long size);
+    FileSystem::Chunk AppendInBlock(FileSystem::Block& block, const TimePoint& tp,
+                                    const TimePoint& duration, unsigned long size);
+    // Adds a block read back from the database. The caller holds what it needs.
+    bool IndexBlock(const FileSystem::Block& block);
+    void AdaptBeginningOfTrack();
+
+    // --- Lookup and navigation (any thread) ---
+    ChunkHandle Lookup(TimePoint tp) override;
+    ChunkHandle Next(TimePoint tp, TimePoint& found) override;
+    ChunkHandle Previous(TimePoint tp, TimePoint& found) override;
+    ChunkHandle GetFirstChunkLocation(TimePoint& found) const override;
+    ChunkHandle GetLastChunkLocation(TimePoint& found) const override;
+    TimePoint GetAccumulatedDuration(const TimePoint& from, const TimePoint& to);
+    unsigned long GetNumberOfChunks(const TimePoint& from, const TimePoint& to);
+    // Whether `file` is one of the track's: an empty file recorded in the
+    // database, or the file of a block.
+    bool HasFile(const ChunkFile& file);
+    TimePoint GetBeginningOfTrack() const { return beginningOfTrack_.load(); }
+    TimePoint GetEndOfTrack() const { return endOfTrack_.load(); }
+    TimePoint GetAccumulatedDuration() const { return accumulatedDuration_.load(); }
+    unsigned long GetSizeOnRam() const;
+    void SetChunkProtectionFactory(IChunkProtectionFactory* factory);
+
+    // --- Files and protections ---
+    void InsertFiles(const std::vector<ChunkFile>& files) override;
+    std::vector<ChunkFile> RemoveFiles(unsigned long size) override;
+    // Removes the named files whatever they hold; false when some file was
+    // not the track's.
+    bool ForceRemoveFiles(const std::vector<ChunkFile>& files);
+    void Protect(long id, const TimePoint& in, const TimePoint& out) override;
+    unsigned long Unprotect(long id) override;
+    void RegisterProtectionObserver(IProtectionObserver* observer) override;
+    void UnregisterProtectionObserver(IProtectionObserver* observer) override;
+    void Clear() override;
+
+    // --- Persistence ---
+    void OpenDatabase(const std::string& directory);
+    // Checks the newest blocks against the files under `root` and drops those
+    // the files do not hold entirely.
+    void HandlePowerFailure(const std::string& root);
+    void SaveAndRemove(const std::vector<FileSystem::Chunk>& chunks);
+    // Forgets the files' rows in the database (the index was updated by
+    // RemoveFiles(unsigned long)).
+    void RemoveFiles(const std::vector<ChunkFile>& files);
+    void DestroyDatabase();
+    void SetActiveMode(bool active);
+    bool IsActive();
+    bool CheckInvariant();
+    // When true (the default), the database forgets a recycled file durably
+    // (fsync) before the file's first new record is written, so that no crash
+    // leaves the index naming chunks that were overwritten.
+    void SetDurableRecycling(bool durable) { durableRecycling_ = durable; }
+
+    // --- Counters and snapshots ---
+    long GetTrackId() const { return trackId_; }
+    // Sum of the sizes of the track's files.
+    unsigned long GetMaxTrackSize() const { return maxTrackSize_.load(); }
+    // Payload bytes of the indexed chunks.
+    unsigned long GetTrackSize() const { return trackSize_.load(); }
+    std::map<TimePoint, FileSystem::Block> GetBlocks() const;
+    std::set<TimePoint> GetRecyclableKeys() const;
+    std::deque<ChunkFile> GetEmptyFiles() const;
+    std::map<unsigned long, std::set<TimePoint>> GetProtections() const;
+
+  private:
+    // The file a new block goes to, and where it came from.
+    struct FileChoice {
+        ChunkFile file;
+        bool recycled = false;
+        TimePoint recycledKey;
+    };
+
+    FileChoice ChooseFileForNewBlock(const TimePoint& tp, unsigned long size);
+    void ReleaseRecycledBlock(const FileChoice& choice);
+    FileSystem::Chunk OpenBlock(const FileChoice& choice, const TimePoint& tp,
+                                const TimePoint& duration, unsigned long size);
+    void ForgetRecycledFile(const ChunkFile& file);
+    void CountAppended(const FileSystem::Chunk& chunk);
+    void LogProgress();
+    void CheckFactory() const;
+    ChunkHandle MakeHandle(const FileSystem::Chunk& chunk) const;
+    std::map<TimePoint, FileSystem::Block>::const_iterator BlockAtOrBefore(
+        const TimePoint& tp) const;
+    std::vector<ChunkFile> RemoveEmptyFilesUpTo(unsigned long size, unsigned long& taken);
+    std::vector<ChunkFile> RemoveBlocksUpTo(unsigned long size, unsigned long& taken);
+    std::vector<ChunkFile> ProtectBlocks(long id, const TimePoint& in, const TimePoint& out);
+    bool FileMatchesBlock(const std::string& root, const FileSystem::Block& block);
+    void DropNewestBlock(const FileSystem::Block& block);
+    void LoadEmptyFiles();
+    void LoadBlocks(unsigned long& chunkCount);
+    bool RemoveFromEmptyFiles(const ChunkFile& file);
+    bool RemoveBlockOfFile(const ChunkFile& file);
+
+    const long trackId_;
+    tav::mr::logging::Logger logger_;
+
+    mutable boost::shared_mutex filesMutex_;
+    std::deque<ChunkFile> emptyFiles_;                          // guarded by filesMutex_
+    std::set<TimePoint> recyclableKeys_;                        // guarded by filesMutex_
+    std::map<unsigned long, std::set<TimePoint>> protections_;  // guarded by filesMutex_
+    std::set<IProtectionObserver*> protectionObservers_;        // guarded by filesMutex_
+    bool loopRecording_ = true;                                 // guarded by filesMutex_
+
+    mutable boost::shared_mutex indexMutex_;
+    std::map<TimePoint, FileSystem::Block> blocks_;  // guarded by indexMutex_
+    long chunkCounter_ = 0;                          // guarded by indexMutex_
+
+    std::mutex dbMutex_;
+    TrackDB trackDb_;  // guarded by dbMutex_
+
+    // Written by the appending thread (or under the locks above), read anywhere.
+    std::atomic<unsigned long> maxTrackSize_{0};
+    std::atomic<unsigned long> trackSize_{0};
+    std::atomic<TimePoint> beginningOfTrack_{TimePoint()};
+    std::atomic<TimePoint> endOfTrack_{TimePoint()};
+    std::atomic<TimePoint> accumulatedDuration_{TimePoint()};
+
+    std::atomic<IChunkProtectionFactory*> chunkProtectionFactory_{nullptr};
+    std::atomic<bool> durableRecycling_{true};
+};
