@@ -7,6 +7,7 @@
 
 #include "Platform/File/DataChunkFileAppender.h"
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/SyncPoint.h"
 
 using Moreld::Time::TimePoint;
 
@@ -154,6 +155,7 @@ void LoopRecordingFileManager::ForgetRecycledFile(const ChunkFile& file) {
     database.Execute("PRAGMA synchronous=FULL", false);
     try {
         trackDb_.RemoveAndAddAsEmptyFile(file);
+        LOOPSTORE_SYNC_POINT("LoopRecordingFileManager::ForgetRecycledFile:Committed");
     } catch (...) {
         database.Execute("PRAGMA synchronous=NORMAL", true);
         throw;

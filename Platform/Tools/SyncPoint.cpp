@@ -1,0 +1,40 @@
+#include "Platform/Tools/SyncPoint.h"
+
+namespace Moreld::Tools {
+
+SyncPoint& SyncPoint::Instance() {
+    static SyncPoint instance;
+    return instance;
+}
+
+void SyncPoint::SetCallback(const std::string& point, Callback callback) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    callbacks_[point] = std::move(callback);
+    enabled_ = true;
+}
+
+void SyncPoint::ClearCallback(const std::string& point) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    callbacks_.erase(point);
+    enabled_ = !callbacks_.empty();
+}
+
+void SyncPoint::ClearAll() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    callbacks_.clear();
+    enabled_ = false;
+}
+
+void SyncPoint::Process(const char* point) {
+    Callback callback;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = callbacks_.find(point);
+        if (it == callbacks_.end())
+            return;
+        callback = it->second;
+    }
+    callback();
+}
+
+}  // namespace Moreld::Tools
