@@ -29,7 +29,7 @@ release: deps
 	cmake --build $(REL_DIR) -j $(JOBS)
 
 bench: release
-	@for b in $(REL_DIR)/bench/*_bench; do echo "== $$b"; $$b; done
+	@for b in $$(find $(REL_DIR)/bench -type f -name "*_bench" -perm -u+x | sort); do echo "== $$b"; $$b --benchmark_min_time=0.2; done
 
 # The main job. Until the host program exists it builds everything and runs
 # the benchmarks, which exercise the storage end to end.

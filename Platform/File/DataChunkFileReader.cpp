@@ -1,0 +1,140 @@
+#include "Platform/File/DataChunkFileReader.h"
+
+#include <fcntl.h>
+#include <sys/uio.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <stdexcept>
+
+#include "Platform/File/ChunkPropertyBlock.h"
+#include "Platform/File/ChunkRecordChecksum.h"
+#include "Platform/Logging/LoggingManager.h"
+
+namespace Moreld::File {
+
+namespace {
+
+std::string Hex(uint64_t value) {
+    char text[19];
+    std::snprintf(text, sizeof(text), "0x%016" PRIx64, value);
+    return text;
+}
+
+}  // namespace
+
+DataChunkFileReader::DataChunkFileReader(const std::string& fileName)
+    : file_(fileName, O_RDONLY, "Cannot open chunk file"),
+      fileSize_(file_.Size()),
+      logger_(tav::mr::logging::LoggingManager::GetLogger("DataChunkFileReader")) {}
+
+void DataChunkFileReader::GetChunk(Moreld::Plexa::DataChunk& out, uint64_t offset,
+                                   const std::set<std::string>& keys) {
+    Read(out, offset, keys, nullptr);
+}
+
+void DataChunkFileReader::GetChunk(Moreld::Plexa::DataChunk& out, uint64_t offset,
+                                   const std::set<std::string>& keys,
+                                   Moreld::Time::TimePoint expectedTimePoint,
+                                   uint64_t expectedSizeOnFile) {
+    const Expectation expected{expectedTimePoint, expectedSizeOnFile};
+    Read(out, offset, keys, &expected);
+}
+
+void DataChunkFileReader::Read(Moreld::Plexa::DataChunk& out, uint64_t offset,
+                               const std::set<std::string>& keys, const Expectation* expected) {
+    char raw[ChunkRecordHeader::kSize];
+    const ChunkRecordHeader header = ReadHeader(offset, raw);
+    if (expected != nullptr) {
+        CheckExpectation(offset, header, *expected);
+    }
+    ReadBody(offset, header, out.MutableData());
+    VerifyChecksum(offset, header, raw, out.GetData());
+    std::string error = ChunkPropertyBlock::Parse(properties_, keys, &out.MutableProperties());
+    if (!error.empty()) {
+        Fail(offset, error);
+    }
+    out.SetTimePoint(Moreld::Time::TimePoint::FromNanoseconds(header.timePointNs));
+    out.SetDuration(Moreld::Time::TimePoint::FromNanoseconds(header.durationNs));
+}
+
+uint64_t DataChunkFileReader::FileGeneration(uint64_t offset) {
+    if (!header_.IsValid()) {
+        char bytes[ChunkFileHeader::kSize];
+        const size_t got = file_.ReadAt(bytes, sizeof(bytes), 0);
+        header_ = ChunkFileHeader::Decode(bytes, got);
+        if (!header_.IsValid()) {
+            Fail(offset, "the file has no valid header");
+        }
+    }
+    return header_.GetGeneration();
+}
+
+ChunkRecordHeader DataChunkFileReader::ReadHeader(uint64_t offset,
+                                                  char (&raw)[ChunkRecordHeader::kSize]) {
+    const uint64_t generation = FileGeneration(offset);
+    if (offset > fileSize_ || fileSize_ - offset < sizeof(raw)) {
+        Fail(offset,
+             "no record header fits before the end of the file at " + std::to_string(fileSize_));
+    }
+    if (file_.ReadAt(raw, sizeof(raw), offset) != sizeof(raw)) {
+        Fail(offset, "end of file inside the record header");
+    }
+    const ChunkRecordHeader header = ChunkRecordHeader::Decode(raw);
+    std::string error = header.Check(offset, generation, fileSize_);
+    if (!error.empty()) {
+        Fail(offset, error);
+    }
+    return header;
+}
+
+void DataChunkFileReader::CheckExpectation(uint64_t offset, const ChunkRecordHeader& header,
+                                           const Expectation& expected) const {
+    const auto timePoint = Moreld::Time::TimePoint::FromNanoseconds(header.timePointNs);
+    if (timePoint != expected.timePoint) {
+        Fail(offset, "the record's time point " + timePoint.ToString() + " is not the expected " +
+                         expected.timePoint.ToString());
+    }
+    if (header.RecordSize() != expected.sizeOnFile) {
+        Fail(offset, "the record takes " + std::to_string(header.RecordSize()) +
+                         " bytes, not the expected " + std::to_string(expected.sizeOnFile));
+    }
+}
+
+// One system call reads the property block into the reused buffer and the
+// payload straight into the chunk: the payload is never copied.
+void DataChunkFileReader::ReadBody(uint64_t offset, const ChunkRecordHeader& header,
+                                   std::string& payload) {
+    properties_.resize(header.propertiesSize);
+    payload.resize(header.payloadSize);
+    struct iovec iov[2] = {
+        {properties_.data(), properties_.size()},
+        {payload.data(), payload.size()},
+    };
+    const uint64_t wanted = header.propertiesSize + header.payloadSize;
+    if (file_.ReadAtV(iov, 2, offset + ChunkRecordHeader::kSize) != wanted) {
+        Fail(offset, "end of file inside the record");
+    }
+}
+
+void DataChunkFileReader::VerifyChecksum(uint64_t offset, const ChunkRecordHeader& header,
+                                         const char* rawHeader, const std::string& payload) const {
+    ChunkRecordChecksum checksum;
+    checksum.Update(rawHeader, ChunkRecordHeader::kChecksumOffset);
+    checksum.Update(properties_.data(), properties_.size());
+    checksum.Update(payload.data(), payload.size());
+    const uint64_t computed = checksum.Digest();
+    if (computed != header.checksum) {
+        Fail(offset, "checksum mismatch (stored " + Hex(header.checksum) + ", computed " +
+                         Hex(computed) + ")");
+    }
+}
+
+void DataChunkFileReader::Fail(uint64_t offset, const std::string& what) const {
+    const std::string text = "Chunk file " + GetFilename() + ": bad record at offset " +
+                             std::to_string(offset) + ": " + what;
+    MR_LOG(logger_, 50, text);
+    throw std::runtime_error(text);
+}
+
+}  // namespace Moreld::File

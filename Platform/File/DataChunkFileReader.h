@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstdint>
+#include <set>
+#include <string>
+
+#include "Platform/File/ChunkFileHeader.h"
+#include "Platform/File/ChunkRecordHeader.h"
+#include "Platform/File/PosixFile.h"
+#include "Platform/Logging/Logger.h"
+#include "Platform/Plexa/DataChunk.h"
+#include "Platform/Time/TimePoint.h"
+
+namespace Moreld::File {
+
+// Reads single records of a chunk file (format in doc/chunk_file_format.md)
+// at offsets that an index recorded. Every record is verified before it is
+// handed out: the caller gets the chunk that was written or an exception,
+// never wrong bytes.
+//
+// The file's generation is read with the first record and kept: a reader is
+// meant to live for one fetch or a few, not across the recycling of its file.
+//
+// Owns its read-only file descriptor. Not thread-safe (reused buffers).
+class DataChunkFileReader {
+  public:
+    // Opens `fileName` read-only. Throws std::runtime_error
+    // "Cannot open chunk file <name>: <strerror>".
+    explicit DataChunkFileReader(const std::string& fileName);
+    DataChunkFileReader(const DataChunkFileReader&) = delete;
+    DataChunkFileReader& operator=(const DataChunkFileReader&) = delete;
+
+    // Reads the record at `offset` into `out`: time point, duration, payload
+    // and the properties whose key is in `keys` (others are dropped). Throws
+    // std::runtime_error naming the file, the offset and what did not match
+    // (magic, sizes, generation, checksum) or the I/O error; `out`'s payload
+    // and properties are then unspecified.
+    void GetChunk(Moreld::Plexa::DataChunk& out, uint64_t offset,
+                  const std::set<std::string>& keys);
+    // The same, and also throws unless the record is the chunk the caller's
+    // index names: `expectedTimePoint` and `expectedSizeOnFile` (the record's
+    // whole size, DataChunk::GetSizeOnFile()).
+    void GetChunk(Moreld::Plexa::DataChunk& out, uint64_t offset, const std::set<std::string>& keys,
+                  Moreld::Time::TimePoint expectedTimePoint, uint64_t expectedSizeOnFile);
+
+    const std::string& GetFilename() const { return file_.GetFileName(); }
+
+  private:
+    struct Expectation {
+        Moreld::Time::TimePoint timePoint;
+        uint64_t sizeOnFile;
+    };
+
+    // Steps of a read; each throws through Fail.
+    void Read(Moreld::Plexa::DataChunk& out, uint64_t offset, const std::set<std::string>& keys,
+              const Expectation* expected);
+    uint64_t FileGeneration(uint64_t offset);
+    ChunkRecordHeader ReadHeader(uint64_t offset, char (&raw)[ChunkRecordHeader::kSize]);
+    void CheckExpectation(uint64_t offset, const ChunkRecordHeader& header,
+                          const Expectation& expected) const;
+    void ReadBody(uint64_t offset, const ChunkRecordHeader& header, std::string& payload);
+    void VerifyChecksum(uint64_t offset, const ChunkRecordHeader& header, const char* rawHeader,
+                        const std::string& payload) const;
+
+    [[noreturn]] void Fail(uint64_t offset, const std::string& what) const;
+
+    PosixFile file_;
+    uint64_t fileSize_;
+    ChunkFileHeader header_;  // kept once valid
+    std::string properties_;  // property block of the last record, reused
+    tav::mr::logging::Logger logger_;
+};
+
+}  // namespace Moreld::File
