@@ -294,6 +294,13 @@ bool TrackDB::IsActive() {
 }
 
 void TrackDB::Destroy() {
+    // Close first, then remove the side files too: a WAL left behind would
+    // be replayed into the next database created under the same name (a
+    // new track with the same id) and bring the deleted track's rows back.
+    db_.Close();
+    open_ = false;
     boost::filesystem::remove(dbFile_);
+    boost::filesystem::remove(dbFile_ + "-wal");
+    boost::filesystem::remove(dbFile_ + "-shm");
     MR_LOG(logger_, 30, "Database file " << dbFile_ << " erased");
 }

@@ -89,9 +89,9 @@ class TrackDB {
     // False when the status row is missing.
     bool IsActive();
 
-    // Removes the database file from disk; the connection stays open and the
-    // WAL side files stay. Throws boost::filesystem::filesystem_error when
-    // the file cannot be removed.
+    // Closes the connection and removes the database file and its WAL side
+    // files from disk. Throws boost::filesystem::filesystem_error when a file
+    // cannot be removed.
     void Destroy();
 
   private:

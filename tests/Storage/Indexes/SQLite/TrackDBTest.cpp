@@ -251,11 +251,18 @@ TEST_F(TrackDBTest, GetFilesFromTimePointHasInclusiveBounds) {
     EXPECT_TRUE(db_.GetFilesFromTimePoint(at(300), at(100)).empty()) << "reversed";
 }
 
-TEST_F(TrackDBTest, DestroyRemovesTheFile) {
+TEST_F(TrackDBTest, DestroyRemovesTheFileAndNothingComesBack) {
     LogCapture capture("TrackDB");
+    db_.SaveAndRemove({ChunkAt(100, File(3, false))});
     ASSERT_TRUE(boost::filesystem::exists(dir_ / "12.db"));
     db_.Destroy();
+    EXPECT_FALSE(db_.IsOpen());
     EXPECT_FALSE(boost::filesystem::exists(dir_ / "12.db"));
+    EXPECT_FALSE(boost::filesystem::exists(dir_ / "12.db-wal"));
+    // A new track with the same id starts empty.
+    TrackDB again;
+    ASSERT_TRUE(again.Open(dir_.Path(), 12));
+    EXPECT_TRUE(again.GetAllChunks().empty());
     std::string line = "Database file " + (dir_ / "12.db") + " erased";
     EXPECT_TRUE(capture.HasExactly(line)) << line;
     EXPECT_EQ(capture.LevelOf(line), 30);
