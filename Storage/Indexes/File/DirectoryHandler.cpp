@@ -1,0 +1,147 @@
+#include "Storage/Indexes/File/DirectoryHandler.h"
+
+#include <filesystem>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+#include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/DirectoryParser.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool IsDirectory(const std::string& path) {
+    std::error_code ignored;
+    return fs::is_directory(fs::status(path, ignored));
+}
+
+}  // namespace
+
+DirectoryHandler::DirectoryHandler(const std::string& root)
+    : logger_(tav::mr::logging::LoggingManager::GetLogger("DirectoryHandler")) {
+    std::error_code error;
+    const fs::file_status status = fs::status(root, error);
+    if (error || !fs::exists(status)) {
+        MR_LOG(logger_, 30, "Directory " << root << " created");
+        // A failure shows in the check below, which names the root.
+        fs::create_directory(root, error);
+    }
+    if (!IsDirectory(root)) {
+        const std::string message = root + " is not a directory";
+        MR_LOG(logger_, 50, message);
+        throw std::runtime_error(message);
+    }
+    root_ = root;
+    ParseDirectory(root_);
+}
+
+bool DirectoryHandler::Exist(long id) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return ids_.count(id) != 0;
+}
+
+std::string DirectoryHandler::GetPath(long id) const {
+    if (!Exist(id)) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        MR_LOG(logger_, 50,
+               "Directory " << id << " doesn't exist. Root directory is " << root_
+                            << " and available sub-directories are: " << KnownIdsText());
+    }
+    return JoinPath(id);
+}
+
+bool DirectoryHandler::Create(long id) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (ids_.count(id) != 0) {
+        MR_LOG(logger_, 40, "Directory " << root_ << "/" << id << " already exists");
+        return false;
+    }
+    const std::string path = JoinPath(id);
+    std::error_code error;
+    // create_directory answers false without an error when the directory is
+    // already on disk: that too is a failure here, as the id was not known.
+    if (!fs::create_directory(path, error)) {
+        const std::string message = "Directory " + path + " could not be created";
+        MR_LOG(logger_, 50, message);
+        throw std::runtime_error(message);
+    }
+    ids_.insert(id);
+    MR_LOG(logger_, 30, "Directory " << path << " created");
+    return true;
+}
+
+long DirectoryHandler::Create() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const long id = ids_.empty() ? 1 : *ids_.rbegin() + 1;
+    const std::string path = JoinPath(id);
+    std::error_code error;
+    if (!fs::create_directory(path, error)) {
+        MR_LOG(logger_, 50, "Directory " << path << " could not be created");
+        return 0;
+    }
+    MR_LOG(logger_, 30, "Directory " << path << " created");
+    return id;
+}
+
+void DirectoryHandler::Delete(long id) {
+    const std::string path = JoinPath(id);
+    try {
+        fs::remove_all(path);
+        MR_LOG(logger_, 30, "Removed directory " << path);
+        // Readers of the set run on other threads (writer and reader
+        // factories) while a track is deleted.
+        std::lock_guard<std::mutex> lock(mutex_);
+        ids_.erase(id);
+    } catch (const std::exception& e) {
+        MR_LOG(logger_, 50, "Error to remove directory " << path << "  -->  " << e.what());
+    }
+}
+
+std::set<long> DirectoryHandler::GetIds() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return ids_;
+}
+
+void DirectoryHandler::ParseDirectory(const std::string& root) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::DirectoryParser parser(root);
+    std::string entry;
+    while (parser.Next(entry)) {
+        if (IsDirectory(entry)) {
+            AddScannedDirectory(entry, root);
+        }
+    }
+    if (!ids_.empty()) {
+        MR_LOG(logger_, 30, "Greatest Id is " << *ids_.rbegin() << " on " << root);
+    } else {
+        MR_LOG(logger_, 30, "No number-directory on " << root);
+    }
+}
+
+void DirectoryHandler::AddScannedDirectory(const std::string& entry, const std::string& root) {
+    const std::string name = fs::path(entry).filename().string();
+    try {
+        ids_.insert(std::stoll(name));
+        MR_LOG(logger_, 20, "Found directory " << entry << " on " << root);
+    } catch (const std::invalid_argument&) {
+        // std::out_of_range is left to the caller: a huge number is not a
+        // name this handler ever gives, and the scan cannot tell what it is.
+        if (name != "." && name != "..") {
+            MR_LOG(logger_, 40, "A not-a-number-directory has been discovered: " << entry);
+        }
+    }
+}
+
+std::string DirectoryHandler::JoinPath(long id) const {
+    return (fs::path(root_) / std::to_string(id)).string();
+}
+
+std::string DirectoryHandler::KnownIdsText() const {
+    std::ostringstream text;
+    for (long id : ids_) {
+        text << id << " ";
+    }
+    return text.str();
+}
