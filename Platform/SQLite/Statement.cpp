@@ -65,8 +65,8 @@ void Statement::SetTextParameter(unsigned int index, const std::string& value) {
 }
 
 void Statement::Execute() {
-    if (sqlite3_stmt_busy(statement_) != 0) {
-        sqlite3_reset(statement_);
+    if (stepped_) {
+        sqlite3_reset(statement_);  // keeps the bindings
     }
     done_ = false;
     Step();
@@ -99,10 +99,12 @@ void Statement::Reset() {
     // reset repeats the error of a failed step, which was already thrown.
     sqlite3_reset(statement_);
     sqlite3_clear_bindings(statement_);
+    stepped_ = false;
     done_ = true;
 }
 
 void Statement::Step() {
+    stepped_ = true;
     int rc = sqlite3_step(statement_);
     if (rc == SQLITE_ROW) {
         return;
@@ -115,12 +117,16 @@ void Statement::Step() {
     // bound again (a failed statement refuses bindings until reset).
     SQLiteError error = SQLiteError::FromHandle(db_, rc, sql_);
     sqlite3_reset(statement_);
+    stepped_ = false;
     throw error;
 }
 
 void Statement::PrepareToBind(unsigned int index) {
-    if (sqlite3_stmt_busy(statement_) != 0) {
+    // SQLite refuses bindings once a statement has been stepped, even to its
+    // end, until it is reset.
+    if (stepped_) {
         sqlite3_reset(statement_);
+        stepped_ = false;
         done_ = true;
     }
     if (index >= static_cast<unsigned int>(sqlite3_bind_parameter_count(statement_))) {

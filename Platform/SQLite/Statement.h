@@ -72,6 +72,7 @@ class Statement {
     sqlite3_stmt* statement_ = nullptr;
     std::string sql_;
     bool done_ = true;
+    bool stepped_ = false;  // stepped since the last reset
 };
 
 }  // namespace Moreld::SQLite

@@ -291,3 +291,20 @@ TEST_F(SQLiteTest, SecondConnectionWaitsForTheWriteLock) {
 }
 
 }  // namespace
+
+TEST(Statement, BindsAgainAfterAWriteRanToItsEnd) {
+    loopstore::test::TempDir dir;
+    Moreld::SQLite::Database db;
+    ASSERT_TRUE(db.Open(dir / "t.db"));
+    db.Execute("CREATE TABLE t(a INTEGER)");
+    Moreld::SQLite::Statement insert(db, "INSERT INTO t VALUES (?)");
+    for (long i = 0; i < 3; ++i) {
+        insert.SetIntegerParameter(0, i);  // no Reset() in between
+        insert.Execute();
+    }
+    insert.Execute();  // same binding again
+    Moreld::SQLite::Statement count(db, "SELECT COUNT(*), SUM(a) FROM t");
+    count.Execute();
+    EXPECT_EQ(count.GetIntegerValue(0), 4);
+    EXPECT_EQ(count.GetIntegerValue(1), 5);
+}
