@@ -1,0 +1,13 @@
+#include "Storage/Indexes/Ram/ChunkCacheManager.h"
+
+ChunkCacheManager::~ChunkCacheManager() = default;
+
+ThreadedChunkCache* ChunkCacheManager::GetChunkCache(long trackId) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    // The key is the id's low 32 bits; ids that share them share a cache.
+    const auto key = static_cast<int32_t>(static_cast<uint32_t>(trackId));
+    std::unique_ptr<ThreadedChunkCache>& cache = caches_[key];
+    if (!cache)
+        cache = std::make_unique<ThreadedChunkCache>();
+    return cache.get();
+}

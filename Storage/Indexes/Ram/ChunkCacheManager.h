@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "Storage/Indexes/Ram/ThreadedChunkCache.h"
+
+// The registry that gives every track its one ThreadedChunkCache, created on
+// first request and kept until the registry is destroyed.
+//
+// Caches are keyed by the low 32 bits of the track id, so two tracks whose ids
+// agree there share one cache.
+//
+// Thread safety: GetChunkCache is safe from any thread (one mutex guards the
+// map). The caches themselves follow ThreadedChunkCache's contract.
+class ChunkCacheManager {
+  public:
+    ChunkCacheManager() = default;
+    // Destroys every cache, which stops (drains) its flusher thread.
+    virtual ~ChunkCacheManager();
+    ChunkCacheManager(const ChunkCacheManager&) = delete;
+    ChunkCacheManager& operator=(const ChunkCacheManager&) = delete;
+
+    // The track's cache, created with ThreadedChunkCache's defaults when
+    // missing. Never null; owned by the manager for its whole life.
+    ThreadedChunkCache* GetChunkCache(long trackId);
+
+  private:
+    std::map<int32_t, std::unique_ptr<ThreadedChunkCache>> caches_;  // guarded by mutex_
+    std::mutex mutex_;
+};

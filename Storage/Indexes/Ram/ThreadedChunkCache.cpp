@@ -1,0 +1,137 @@
+#include "Storage/Indexes/Ram/ThreadedChunkCache.h"
+
+#include <mutex>
+#include <shared_mutex>
+
+#include "Platform/Logging/LoggingManager.h"
+
+// Invariant: work_'s count, plus the one signal a flusher pass may hold between
+// Wait and TakeOldestPending, is at least pending_.size(). So the thread never
+// sleeps while a chunk is queued, and after Stop it drains them all. Clear
+// empties both together.
+
+ThreadedChunkCache::ThreadedChunkCache()
+    : logger_(tav::mr::logging::LoggingManager::GetLogger("ThreadedChunkCache")) {
+    cache_.SetCacheSizeInBytes(104857600);
+}
+
+ThreadedChunkCache::~ThreadedChunkCache() {
+    Stop();
+}
+
+void ThreadedChunkCache::SetChunkFlusher(IChunkFlusher* flusher) {
+    flusher_ = flusher;
+}
+
+void ThreadedChunkCache::SetTrackId(long trackId) {
+    trackId_ = trackId;
+}
+
+// The limit may change while the flusher thread works (a writer resizing
+// its cache), so the setters take the lock too.
+void ThreadedChunkCache::SetCacheSizeInBytes(unsigned long maxBytes) {
+    std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    cache_.SetCacheSizeInBytes(maxBytes);
+    spaceAvailable_.notify_one();
+}
+
+void ThreadedChunkCache::SetCacheSizeInChunks(unsigned long maxChunks) {
+    std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    cache_.SetCacheSizeInChunks(maxChunks);
+    spaceAvailable_.notify_one();
+}
+
+unsigned long ThreadedChunkCache::GetCacheSize() const {
+    std::shared_lock<boost::shared_mutex> lock(cacheMutex_);
+    return cache_.GetCurrentSize();
+}
+
+void ThreadedChunkCache::Run() {
+    Stop();
+    stopped_ = false;
+    thread_ = std::make_unique<std::thread>(&ThreadedChunkCache::Flush, this);
+}
+
+void ThreadedChunkCache::Stop() {
+    if (stopped_)
+        return;
+    stopped_ = true;
+    work_.Signal();  // the thread may be waiting for work
+    thread_->join();
+    thread_.reset();
+}
+
+bool ThreadedChunkCache::Insert(DataChunkPtr chunk, TimePoint t, unsigned long size) {
+    std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    bool waited = false;
+    while (!cache_.InsertAndRemoveHandledChunks(chunk, t, size)) {
+        MR_LOG(logger_, 40, "T" << trackId_ << ": Waiting to insert chunk at " << t);
+        IChunkFlusher* flusher = flusher_;
+        if (flusher != nullptr)
+            flusher->CacheIsWaiting(true);
+        // Only HandleChunk and the limit setters wake us; there is no time-out.
+        spaceAvailable_.wait(lock);
+        if (flusher != nullptr)
+            flusher->CacheIsWaiting(false);
+        waited = true;
+    }
+    pending_.insert(t);
+    MR_LOG(logger_, 10, "T" << trackId_ << ": Inserted chunk at " << t);
+    work_.Signal();
+    return waited;
+}
+
+void ThreadedChunkCache::HandleChunk(TimePoint t, bool remove) {
+    std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    cache_.HandleChunk(t, remove);
+    spaceAvailable_.notify_one();
+    MR_LOG(logger_, 10, "T" << trackId_ << ": Handled chunk at " << t);
+}
+
+void ThreadedChunkCache::Clear() {
+    std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    cache_.Clear();
+    pending_.clear();
+    // The signals of the dropped time points must not make the thread spin.
+    work_.Setup(0);
+}
+
+ThreadedChunkCache::DataChunkPtr ThreadedChunkCache::GetChunk(TimePoint t) const {
+    std::shared_lock<boost::shared_mutex> lock(cacheMutex_);
+    return cache_.GetChunk(t);
+}
+
+ThreadedChunkCache::DataChunkPtr ThreadedChunkCache::GetNextChunk(TimePoint t) const {
+    std::shared_lock<boost::shared_mutex> lock(cacheMutex_);
+    return cache_.GetNextChunk(t);
+}
+
+ThreadedChunkCache::DataChunkPtr ThreadedChunkCache::GetPreviousChunk(TimePoint t) const {
+    std::shared_lock<boost::shared_mutex> lock(cacheMutex_);
+    return cache_.GetPreviousChunk(t);
+}
+
+void ThreadedChunkCache::Flush() {
+    // After Stop, keep going while signals are left: every chunk inserted
+    // before Stop still reaches the flusher.
+    while (!(stopped_ && work_.GetCount() < 1)) {
+        work_.Wait();
+        DataChunkPtr chunk;
+        if (!TakeOldestPending(chunk))
+            continue;
+        // No lock here: the flusher writes to disk and calls HandleChunk.
+        IChunkFlusher* flusher = flusher_;
+        if (flusher != nullptr)
+            flusher->Flush(std::move(chunk));
+    }
+}
+
+bool ThreadedChunkCache::TakeOldestPending(DataChunkPtr& chunk) {
+    std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    if (pending_.empty())
+        return false;
+    auto oldest = pending_.begin();
+    chunk = cache_.GetChunk(*oldest);  // empty when the chunk was removed meanwhile
+    pending_.erase(oldest);
+    return true;
+}

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <boost/thread/condition_variable.hpp>
+#include <boost/thread/shared_mutex.hpp>
+
+#include <atomic>
+#include <memory>
+#include <set>
+#include <thread>
+
+#include "Platform/Logging/Logger.h"
+#include "Platform/Time/TimePoint.h"
+#include "Platform/Tools/Semaphore.h"
+#include "Storage/Indexes/Ram/ChunkCache.h"
+#include "Storage/Indexes/Ram/IChunkFlusher.h"
+
+// One track's ChunkCache made usable from several threads, with the flusher
+// thread that hands every inserted chunk, in time order, to an IChunkFlusher
+// (the track's writer). The flusher writes the chunk and reports it handled,
+// which makes it evictable. An insertion blocks while the cache is full of
+// unhandled chunks: this is how a slow disk pushes back on the writer.
+//
+// Ownership: ChunkCacheManager owns one per track. The flusher is not owned
+// and must outlive the flusher thread (until Stop returns).
+//
+// Thread safety: any number of reader threads (GetChunk, GetNextChunk,
+// GetPreviousChunk: shared lock), one inserting thread (Insert) and the flusher
+// thread, whose flusher calls HandleChunk; Insert, HandleChunk and Clear take
+// the lock exclusively, and so do the limit setters (GetCacheSize shares it).
+// Run and Stop are for one controlling thread.
+class ThreadedChunkCache {
+  public:
+    using TimePoint = Moreld::Time::TimePoint;
+    using DataChunkPtr = ChunkCache::DataChunkPtr;
+
+    // A byte bound of 104857600 (100 MiB); no flusher, thread not started.
+    ThreadedChunkCache();
+    // Stops (drains) the flusher thread.
+    virtual ~ThreadedChunkCache();
+    ThreadedChunkCache(const ThreadedChunkCache&) = delete;
+    ThreadedChunkCache& operator=(const ThreadedChunkCache&) = delete;
+
+    // Not owned; null means chunks are taken out of pending and dropped.
+    void SetChunkFlusher(IChunkFlusher* flusher);
+    // Only used in log lines.
+    void SetTrackId(long trackId);
+    // Change the bound (ChunkCache), then wake one blocked insertion.
+    void SetCacheSizeInBytes(unsigned long maxBytes);
+    void SetCacheSizeInChunks(unsigned long maxChunks);
+    unsigned long GetCacheSize() const;
+
+    // Starts the flusher thread, first stopping a previous one.
+    void Run();
+    // Asks the flusher thread to stop and joins it; every chunk inserted
+    // before the call is handed to the flusher first. Does nothing when not
+    // running. Does not wake a blocked Insert.
+    void Stop();
+
+    // Inserts `chunk` (non-null) starting at `t`, `size` bytes, and queues it
+    // for the flusher. Blocks, without time-out, while no room can be made;
+    // returns true when it had to wait, false when it got in at once. The
+    // exceptions of ChunkCache::InsertAndRemoveHandledChunks pass through with
+    // nothing inserted or queued.
+    bool Insert(DataChunkPtr chunk, TimePoint t, unsigned long size);
+    // Marks the chunk at `t` handled, or removes it, and wakes one blocked
+    // insertion.
+    void HandleChunk(TimePoint t, bool remove);
+    // Drops every chunk and every queued time point. Does not wake a blocked
+    // Insert.
+    void Clear();
+
+    DataChunkPtr GetChunk(TimePoint t) const;
+    DataChunkPtr GetNextChunk(TimePoint t) const;
+    DataChunkPtr GetPreviousChunk(TimePoint t) const;
+
+  private:
+    // The flusher thread's body.
+    void Flush();
+    // Takes the oldest queued chunk out of pending. False when nothing is
+    // queued (the pass woken by Stop or left over from Clear).
+    bool TakeOldestPending(DataChunkPtr& chunk);
+
+    ChunkCache cache_;  // guarded by cacheMutex_
+    std::atomic<IChunkFlusher*> flusher_{nullptr};
+    mutable boost::shared_mutex cacheMutex_;
+    std::set<TimePoint> pending_;  // guarded by cacheMutex_
+    // Waited on, with cacheMutex_ held exclusively, by an insertion that found
+    // no room.
+    boost::condition_variable_any spaceAvailable_;
+    // One signal per queued chunk plus one per Stop.
+    Moreld::Tools::Semaphore work_{0};
+    std::unique_ptr<std::thread> thread_;  // touched by Run and Stop only
+    // Written by the controlling thread, read by the flusher thread.
+    std::atomic<bool> stopped_{true};
+    std::atomic<long> trackId_{0};
+    tav::mr::logging::Logger logger_;
+};
