@@ -4,6 +4,8 @@
 
 #include <filesystem>
 
+#include "Platform/File/DataChunkFileReader.h"
+
 namespace loopstore::test {
 
 TrackFixture::TrackFixture(long trackId, int fileCount, unsigned long fileSize)
@@ -43,6 +45,10 @@ FileSystem::Chunk ChunkWriter::Write(Moreld::Time::TimePoint tp, Moreld::Time::T
                                      unsigned long sizeOnFile) {
     Moreld::Plexa::DataChunk data = MakeChunk(tp, duration, sizeOnFile);
     FileSystem::Chunk record = manager_.Append(tp, duration, data.GetSizeOnFile());
+    if (!current_.empty() && current_.back().location.file == record.location.file &&
+        record.location.chunkIndex == 0) {
+        Crash();  // the index recycled the current file: its chunks are gone
+    }
     if (!current_.empty() && current_.back().location.file != record.location.file)
         Finish();
     if (!appender_) {
@@ -69,6 +75,32 @@ void ChunkWriter::Crash() {
         appender_->SetNoFlush(true);
     appender_.reset();
     current_.clear();
+}
+
+std::vector<ChunkFile> TrackFixture::AddFiles(int count, unsigned long fileSize) {
+    std::vector<ChunkFile> added;
+    for (int i = 0; i < count; ++i) {
+        ChunkFile file(static_cast<long>(files_.size()) + 1, 8, static_cast<long>(fileSize),
+                       trackId_);
+        CreatePreallocatedFile(file.GetAbsoluteFileName(Root(), false), fileSize);
+        files_.push_back(file);
+        added.push_back(file);
+    }
+    return added;
+}
+
+void ExpectChunksReadable(const LoopRecordingFileManager& manager, const std::string& root) {
+    for (const auto& [key, block] : manager.GetBlocks()) {
+        for (const auto& [tp, chunk] : block.GetChunks()) {
+            Moreld::File::DataChunkFileReader reader(
+                chunk.location.file.GetAbsoluteFileName(root, false));
+            Moreld::Plexa::DataChunk data;
+            ASSERT_NO_THROW(
+                reader.GetChunk(data, chunk.location.offset, {}, tp, chunk.location.size))
+                << chunk;
+            EXPECT_EQ(data, ChunkWriter::MakeChunk(tp, chunk.duration, chunk.location.size));
+        }
+    }
 }
 
 }  // namespace loopstore::test

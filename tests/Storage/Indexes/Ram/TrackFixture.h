@@ -29,6 +29,10 @@ class TrackFixture {
     std::unique_ptr<LoopRecordingFileManager> OpenManager();
     // A manager on a fresh database with every file inserted as empty.
     std::unique_ptr<LoopRecordingFileManager> NewManagerWithFiles();
+    // Creates `count` more preallocated files of `fileSize` bytes in the
+    // track's directory, numbered after the existing ones, and adds them to
+    // Files(). They are given to no manager. Not thread-safe.
+    std::vector<ChunkFile> AddFiles(int count, unsigned long fileSize);
 
   private:
     long trackId_;
@@ -64,6 +68,10 @@ class ChunkWriter {
     std::unique_ptr<Moreld::File::DataChunkFileAppender> appender_;
     std::vector<FileSystem::Chunk> current_;
 };
+
+// Every chunk the index names reads back from its file under `root` with its
+// time point, size and the content ChunkWriter wrote.
+void ExpectChunksReadable(const LoopRecordingFileManager& manager, const std::string& root);
 
 inline Moreld::Time::TimePoint Sec(double s) {
     return Moreld::Time::TimePoint::FromNanoseconds(static_cast<int64_t>(s * 1e9));
