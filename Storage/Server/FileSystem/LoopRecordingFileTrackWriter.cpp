@@ -1,0 +1,309 @@
+#include "Storage/Server/FileSystem/LoopRecordingFileTrackWriter.h"
+
+#include <sstream>
+#include <stdexcept>
+
+#include "Platform/Logging/LoggingManager.h"
+#include "Platform/Plexa/Converter.h"
+#include "Platform/Tools/StdTimer.h"
+#include "Platform/Tools/SyncPoint.h"
+
+using Moreld::Time::TimePoint;
+
+namespace {
+
+// Bytes a writer lets its track's cache hold.
+constexpr unsigned long kWriterCacheBytes = 50000000;
+
+long Milliseconds(const Moreld::Tools::StdTimer& timer) {
+    return timer.GetEllapsedTime() / 1000;
+}
+
+}  // namespace
+
+LoopRecordingFileTrackWriter::LoopRecordingFileTrackWriter(long trackId,
+                                                           LoopRecordingFileManager& manager,
+                                                           ThreadedChunkCache& cache)
+    : trackId_(trackId),
+      manager_(manager),
+      cache_(cache),
+      logger_(tav::mr::logging::LoggingManager::GetLogger("LoopRecordingFileTrackWriter")),
+      trackLock_(std::make_unique<TrackLock>(trackId)) {
+    cache_.SetTrackId(trackId_);
+    cache_.SetCacheSizeInBytes(kWriterCacheBytes);
+    cache_.SetChunkFlusher(this);
+    cache_.Run();
+
+    TimePoint last;
+    if (auto handle = manager_.GetLastChunkLocation(last)) {
+        FileSystem::Chunk chunk = handle->GetChunk();
+        endOfTrack_ = chunk.timepoint + chunk.duration;
+    }
+    manager_.SetActiveMode(true);
+    accumulatedDuration_ = manager_.GetAccumulatedDuration();
+    if (endOfTrack_ == TimePoint()) {
+        MR_LOG(logger_, 30, "T" << trackId_ << ": Writer " << this << " created. Track is empty");
+    } else {
+        MR_LOG(logger_, 30,
+               "T" << trackId_ << ": Writer " << this << " created : last timepoint  is "
+                   << endOfTrack_ << ", already stored "
+                   << accumulatedDuration_.ToNanoseconds() / 1000000000 << "s of content");
+    }
+}
+
+LoopRecordingFileTrackWriter::~LoopRecordingFileTrackWriter() {
+    // The flusher thread writes every pending chunk before it stops.
+    cache_.Stop();
+    cache_.Clear();
+    try {
+        if (!appender_) {
+            manager_.SetActiveMode(false);
+        } else if (appender_->GetNoFlush()) {
+            // Left active on purpose: the last file was not properly closed.
+            manager_.SetActiveMode(true);
+        } else {
+            const std::string name = appender_->GetFilename();
+            const size_t count = currentFileChunks_.size();
+            appender_->Sync();  // the file is durable before the database names its chunks
+            manager_.SaveAndRemove(currentFileChunks_);
+            if (count != 0) {
+                MR_LOG(logger_, 10,
+                       "Flushing the last active file " << name << " containing " << count
+                                                        << " chunks");
+            }
+            appender_.reset();
+            manager_.SetActiveMode(false);
+        }
+    } catch (const std::exception& e) {
+        // The track stays active: the next start checks its last file.
+        MR_LOG(logger_, 50, "T" << trackId_ << ": could not save the last file: " << e.what());
+    }
+    MR_LOG(logger_, 30,
+           "T" << trackId_ << ": Stopping chunkCache and delete writer " << this << ", "
+               << flushedChunks_ << " chunks were appended for a total size of "
+               << flushedBytes_ / 1000000 << "MB. Tp out is " << endOfTrack_);
+    if (monitoring_ != nullptr)
+        monitoring_->Remove(workerId_);
+}
+
+void LoopRecordingFileTrackWriter::SetMonitoring(Monitoring* monitoring, long workerId) {
+    monitoring_ = monitoring;
+    workerId_ = workerId;
+}
+
+void LoopRecordingFileTrackWriter::SetTrackDirectory(const std::string& directory) {
+    trackDirectory_ = directory;
+    MR_LOG(logger_, 30, "T" << trackId_ << ": stored under directory " << directory);
+}
+
+void LoopRecordingFileTrackWriter::SetCacheSize(unsigned long bytes) {
+    cache_.SetCacheSizeInBytes(bytes);
+}
+
+void LoopRecordingFileTrackWriter::DoNotFlushMoreFiles() {
+    // Called while the flusher may run: the flag is only read at close.
+    if (appender_)
+        appender_->SetNoFlush(true);
+}
+
+void LoopRecordingFileTrackWriter::CheckAndThrow(const TimePoint& t, const TimePoint& duration) {
+    if (duration <= TimePoint()) {
+        std::ostringstream msg;
+        msg << "T" << trackId_ << ": Duration must be strictly positive, you set "
+            << duration.ToDurationString();
+        if (duration == TimePoint())
+            msg << ", which means you set 0 or you set nothing";
+        MR_LOG(logger_, 50, msg.str());
+        throw std::runtime_error(msg.str());
+    }
+    if (t < endOfTrack_) {
+        std::ostringstream msg;
+        msg << "T" << trackId_ << ": Chunk's timepoint " << t << " is < end of track "
+            << endOfTrack_;
+        MR_LOG(logger_, 50, msg.str());
+        throw std::runtime_error(msg.str());
+    }
+}
+
+void LoopRecordingFileTrackWriter::Append(const Protocol::Chunk& message) {
+    Moreld::Tools::StdTimer total;
+    auto chunk = std::make_shared<Moreld::Plexa::DataChunk>();
+    // The host hands the message over: its payload is moved, never copied.
+    Moreld::Plexa::Converter::Swap(*chunk, const_cast<Protocol::Chunk&>(message));
+    const TimePoint t = chunk->GetTimePoint();
+    const TimePoint duration = chunk->GetDuration();
+    if (Milliseconds(total) > 10) {
+        MR_LOG(logger_, 40,
+               "T" << trackId_ << ": Copy chunk took " << Milliseconds(total) << "ms for chunk "
+                   << appendedChunks_ << " at " << t);
+    }
+    CheckAndThrow(t, duration);
+    ++appendedChunks_;
+    const unsigned long size = chunk->GetSizeOnFile();
+
+    Moreld::Tools::StdTimer insertion;
+    const bool waited = cache_.Insert(chunk, t, size);
+    if (waited) {
+        MR_LOG(logger_, 40,
+               "T" << trackId_ << ": We had to wait to insert in cache for chunk "
+                   << appendedChunks_ << " at " << t);
+    }
+    if (Milliseconds(insertion) > 10) {
+        MR_LOG(logger_, 40,
+               "T" << trackId_ << ": Insert in cache took " << Milliseconds(insertion)
+                   << "ms for chunk " << appendedChunks_ << " at " << t);
+    }
+    endOfTrack_ = t + duration;
+    accumulatedDuration_ += duration;
+    if (Milliseconds(total) > 20) {
+        MR_LOG(logger_, 40,
+               "T" << trackId_ << ": Append took " << Milliseconds(total) << "ms for chunk "
+                   << appendedChunks_ << " at " << t);
+    }
+}
+
+FileSystem::Chunk LoopRecordingFileTrackWriter::Flush(
+    std::shared_ptr<Moreld::Plexa::DataChunk> chunk) {
+    if (!chunk)
+        return FileSystem::Chunk();  // cleared from the cache meanwhile
+    const TimePoint t = chunk->GetTimePoint();
+    const TimePoint duration = chunk->GetDuration();
+    const unsigned long size = chunk->GetSizeOnFile();
+    Moreld::Tools::StdTimer timer;
+    ++flushedChunks_;
+    try {
+        if (cacheIsWaiting_)
+            MR_LOG(logger_, 30, "About to Append chunk at " << t);
+        FileSystem::Chunk record = manager_.Append(t, duration, size);
+        if (Milliseconds(timer) > 20) {
+            MR_LOG(logger_, 40,
+                   "T" << trackId_ << ": Manager took " << Milliseconds(timer) << "ms for chunk "
+                       << flushedChunks_ << " at " << t);
+        }
+        if (monitoring_ != nullptr)
+            monitoring_->Log(workerId_, size);
+        WriteChunk(*chunk, record);
+        MR_LOG(logger_, 10,
+               "T" << trackId_ << ": Saved chunk " << flushedChunks_ << " at " << t << " of size "
+                   << size << " on file " << record.location.file);
+        flushedBytes_ += size;
+        return record;
+    } catch (const std::runtime_error& e) {
+        // Never leave the cache blocked on a chunk that cannot be written.
+        cache_.HandleChunk(t, false);
+        MR_LOG(logger_, 40,
+               "T" << trackId_ << ": Exception caught in threadfor chunk at " << t << ": "
+                   << e.what());
+        return FileSystem::Chunk();
+    }
+}
+
+std::string LoopRecordingFileTrackWriter::FileNameOf(const FileSystem::Chunk& record) const {
+    return record.location.file.GetAbsoluteFileName(trackDirectory_, false);
+}
+
+void LoopRecordingFileTrackWriter::SaveCurrentFile() {
+    // The finished file is durable before the database says its chunks exist.
+    if (saveOnFile_ && !appender_->GetNoFlush())
+        appender_->Sync();
+    manager_.SaveAndRemove(currentFileChunks_);
+    LOOPSTORE_SYNC_POINT("LoopRecordingFileTrackWriter::SaveCurrentFile:Saved");
+}
+
+void LoopRecordingFileTrackWriter::HandleCurrentFileChunks() {
+    for (const FileSystem::Chunk& chunk : currentFileChunks_)
+        cache_.HandleChunk(chunk.timepoint, false);
+    currentFileChunks_.clear();
+}
+
+void LoopRecordingFileTrackWriter::FinishFile(const FileSystem::Chunk& record) {
+    const std::string name = FileNameOf(record);
+    const uint64_t fileSize = static_cast<uint64_t>(record.location.file.Size());
+    if (record.location.chunkIndex != 0) {
+        MR_LOG(logger_, 40,
+               "T" << trackId_ << ": Appender on new file " << name
+                   << " but at non-zero index: " << record.location.chunkIndex);
+        SaveCurrentFile();
+        appender_ = std::make_unique<Moreld::File::DataChunkFileAppender>(name, true, fileSize);
+        HandleCurrentFileChunks();
+        return;
+    }
+    const bool waiting = cacheIsWaiting_;
+    SaveCurrentFile();
+    MR_LOG(logger_, waiting ? 30 : 10,
+           "T" << trackId_ << ": Flushing file " << appender_->GetFilename() << " containing "
+               << currentFileChunks_.size() << " chunks");
+    appender_ = std::make_unique<Moreld::File::DataChunkFileAppender>(name, true, fileSize);
+    if (waiting) {
+        MR_LOG(logger_, 30,
+               "T" << trackId_ << ": Chunks are flushed, we call HandleChunk on the cache");
+    }
+    const size_t count = currentFileChunks_.size();
+    HandleCurrentFileChunks();
+    if (waiting) {
+        MR_LOG(logger_, 30,
+               "T" << trackId_ << ": HandledChunk has been called for the " << count << " chunks");
+    }
+}
+
+void LoopRecordingFileTrackWriter::OpenFirstFile(const FileSystem::Chunk& record) {
+    const std::string name = FileNameOf(record);
+    const uint64_t fileSize = static_cast<uint64_t>(record.location.file.Size());
+    if (record.location.chunkIndex == 0) {
+        appender_ = std::make_unique<Moreld::File::DataChunkFileAppender>(name, false, fileSize);
+        return;
+    }
+    // The track ends inside a partly written file: continue it, and rebuild
+    // the list of its chunks so that the file is saved whole when it ends.
+    MR_LOG(logger_, 30,
+           "T" << trackId_ << ": Appender on existing file " << name << " at index "
+               << record.location.chunkIndex);
+    appender_ = std::make_unique<Moreld::File::DataChunkFileAppender>(name, true, fileSize);
+    for (const TimePoint& tp : appender_->GetTimePoints()) {
+        if (auto handle = manager_.Lookup(tp)) {
+            currentFileChunks_.push_back(handle->GetChunk());
+        } else {
+            MR_LOG(logger_, 40,
+                   "T" << trackId_ << ": Chunk at " << tp
+                       << " should have been found in the database");
+        }
+    }
+}
+
+void LoopRecordingFileTrackWriter::DropRecycledCurrentFile() {
+    // The index recycled the file being written (every other block was
+    // protected): its chunks left the index and must not reach the database.
+    appender_->SetNoFlush(true);
+    appender_.reset();
+    HandleCurrentFileChunks();
+}
+
+void LoopRecordingFileTrackWriter::WriteChunk(const Moreld::Plexa::DataChunk& data,
+                                              const FileSystem::Chunk& record) {
+    if (appender_ && !currentFileChunks_.empty() && record.location.chunkIndex == 0 &&
+        currentFileChunks_.back().location.file == record.location.file) {
+        DropRecycledCurrentFile();
+    }
+    if (appender_ && !currentFileChunks_.empty() &&
+        currentFileChunks_.back().location.file != record.location.file) {
+        FinishFile(record);
+    }
+    if (!appender_)
+        OpenFirstFile(record);
+    if (!saveOnFile_)
+        appender_->SetNoFlush(true);
+    // The record goes exactly where the index placed it; at offset 16 it
+    // begins a new generation of the file, so an older block's records can
+    // never be read back with the new ones.
+    if (!appender_->Append(data, record.location.offset)) {
+        MR_LOG(logger_, 50,
+               "T" << trackId_ << ": Could not Append chunk at " << data.GetTimePoint() << " on "
+                   << appender_->GetFilename());
+        // Not listed for the database: the index must never name a chunk
+        // that is not in its file. The cache may evict it now.
+        cache_.HandleChunk(data.GetTimePoint(), false);
+        return;
+    }
+    currentFileChunks_.push_back(record);
+    LOOPSTORE_SYNC_POINT("LoopRecordingFileTrackWriter::WriteChunk:Written");
+}

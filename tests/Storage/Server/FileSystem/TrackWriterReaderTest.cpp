@@ -1,0 +1,249 @@
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+
+#include "Platform/Logging/LogCapture.h"
+#include "Platform/Plexa/Converter.h"
+#include "Storage/Server/FileSystem/ChunkCacheTrackReader.h"
+#include "Storage/Server/FileSystem/LoopRecordingFileTrackWriter.h"
+#include "tests/Storage/Server/FileSystem/TrackIoFixture.h"
+
+using loopstore::test::MakeChunkMessage;
+using loopstore::test::PayloadFor;
+using loopstore::test::TrackIo;
+using Moreld::Time::TimePoint;
+using tav::mr::logging::LogCapture;
+
+namespace {
+
+constexpr int64_t kSecond = 1'000'000'000;
+
+Protocol::TimePoint At(int64_t ns) {
+    Protocol::TimePoint tp;
+    tp.set_nanoseconds(ns);
+    return tp;
+}
+
+std::string ThrownText(const std::function<void()>& f) {
+    try {
+        f();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "<nothing thrown>";
+}
+
+// Reads back every chunk the index holds and checks it against what was
+// written; walks the track both ways. Returns the number of chunks read.
+size_t VerifyTrack(TrackIo& io, const std::map<int64_t, size_t>& written) {
+    ChunkCacheTrackReader reader(io.TrackId(), io.Manager(), io.Cache());
+    reader.SetTrackDirectory(io.Root());
+    Protocol::KeyList keys;
+    keys.add_keys("camera");
+    size_t count = 0;
+    std::vector<int64_t> forward;
+    for (const auto& [key, block] : io.Manager().GetBlocks()) {
+        for (const auto& [tp, chunk] : block.GetChunks()) {
+            const int64_t ns = tp.ToNanoseconds();
+            Protocol::Chunk out;
+            bool found = false;
+            reader.GetChunk(At(ns), keys, out, found);
+            EXPECT_TRUE(found) << tp;
+            auto it = written.find(ns);
+            if (it == written.end()) {
+                ADD_FAILURE() << "indexed chunk never written at " << tp;
+                continue;
+            }
+            EXPECT_EQ(out.timepoint().nanoseconds(), ns);
+            EXPECT_TRUE(out.data() == PayloadFor(ns, it->second)) << "payload differs at " << tp;
+            EXPECT_EQ(out.properties_size(), 1);
+            forward.push_back(ns);
+            ++count;
+        }
+    }
+    // NextTimePoint from before the track visits every chunk in order, and
+    // PreviousTimePoint from after it visits them back.
+    if (!forward.empty()) {
+        Protocol::TimePoint cursor = At(forward.front() - 1), next;
+        bool found = true;
+        for (int64_t expected : forward) {
+            reader.NextTimePoint(cursor, next, found);
+            EXPECT_TRUE(found);
+            EXPECT_EQ(next.nanoseconds(), expected);
+            cursor = next;
+        }
+        reader.NextTimePoint(cursor, next, found);
+        EXPECT_FALSE(found);
+        cursor = At(io.Manager().GetEndOfTrack().ToNanoseconds());
+        for (auto it = forward.rbegin(); it != forward.rend(); ++it) {
+            reader.PreviousTimePoint(cursor, next, found);
+            EXPECT_TRUE(found);
+            EXPECT_EQ(next.nanoseconds(), *it);
+            cursor = next;
+        }
+    }
+    return count;
+}
+
+}  // namespace
+
+TEST(TrackWriterReader, LoopsSeveralTimesAndReadsEverythingBackFromCacheAndFiles) {
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    TrackIo io(12, 4, 64 * 1024);
+    std::map<int64_t, size_t> written;
+    int64_t t = 5 * kSecond;
+    {
+        LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+        writer.SetTrackDirectory(io.Root());
+        for (int i = 0; i < 2000; ++i) {
+            const size_t size = std::uniform_int_distribution<size_t>(1, 6000)(random);
+            const int64_t duration = std::uniform_int_distribution<int64_t>(1, kSecond)(random);
+            Protocol::Chunk chunk = MakeChunkMessage(t, duration, size);
+            writer.Append(chunk);
+            written[t] = size;
+            t += duration + (i % 100 == 0 ? 3 * kSecond : 0);  // a few gaps
+        }
+    }
+    // 2000 chunks of ~3 KB into 256 KB of files: the track looped many times.
+    size_t first = VerifyTrack(io, written);
+    EXPECT_GT(first, 20u);
+    EXPECT_LT(first, 2000u);
+    EXPECT_TRUE(io.Manager().CheckInvariant());
+    EXPECT_FALSE(io.Manager().IsActive());
+
+    // After a restart the same chunks come from the files alone.
+    io.Restart();
+    EXPECT_EQ(VerifyTrack(io, written), first);
+
+    // A new writer continues the half-full last file, and recording goes on.
+    LogCapture log("LoopRecordingFileTrackWriter");
+    {
+        LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+        writer.SetTrackDirectory(io.Root());
+        for (int i = 0; i < 3; ++i) {
+            Protocol::Chunk chunk = MakeChunkMessage(t, kSecond, 100);
+            writer.Append(chunk);
+            written[t] = 100;
+            t += kSecond;
+        }
+    }
+    EXPECT_TRUE(log.Contains("Appender on existing file"));
+    io.Restart();
+    VerifyTrack(io, written);
+}
+
+TEST(TrackWriterReader, BadInputIsRefusedAndLosesNothingAccepted) {
+    TrackIo io(3, 3, 16 * 1024);
+    std::map<int64_t, size_t> written;
+    {
+        LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+        writer.SetTrackDirectory(io.Root());
+        Protocol::Chunk ok = MakeChunkMessage(10 * kSecond, kSecond, 1000);
+        writer.Append(ok);
+        written[10 * kSecond] = 1000;
+
+        Protocol::Chunk zero = MakeChunkMessage(20 * kSecond, 0, 10);
+        EXPECT_EQ(ThrownText([&] { writer.Append(zero); }),
+                  "T3: Duration must be strictly positive, you set 0.000000000s, which means you "
+                  "set 0 or you set nothing");
+        Protocol::Chunk negative = MakeChunkMessage(20 * kSecond, -5, 10);
+        EXPECT_EQ(ThrownText([&] { writer.Append(negative); }),
+                  "T3: Duration must be strictly positive, you set -0.000000005s");
+        Protocol::Chunk early = MakeChunkMessage(11 * kSecond - 1, kSecond, 10);
+        EXPECT_EQ(ThrownText([&] { writer.Append(early); }),
+                  "T3: Chunk's timepoint " +
+                      TimePoint::FromNanoseconds(11 * kSecond - 1).ToString() +
+                      " is < end of track " + TimePoint::FromNanoseconds(11 * kSecond).ToString());
+
+        writer.SetCacheSize(5000);
+        Protocol::Chunk huge = MakeChunkMessage(12 * kSecond, kSecond, 6000);
+        EXPECT_NE(
+            ThrownText([&] { writer.Append(huge); }).find("must be lower than max cache size"),
+            std::string::npos);
+        writer.SetCacheSize(1 << 20);
+
+        // Larger than a file: accepted by the cache, refused by the index on
+        // the flusher thread, which logs it and lets the cache go on.
+        LogCapture log("LoopRecordingFileTrackWriter");
+        Protocol::Chunk tooBig = MakeChunkMessage(13 * kSecond, kSecond, 20 * 1024);
+        writer.Append(tooBig);
+        Protocol::Chunk after = MakeChunkMessage(14 * kSecond, kSecond, 500);
+        writer.Append(after);
+        written[14 * kSecond] = 500;
+        io.Cache().Stop();  // drains: both chunks went through Flush
+        EXPECT_TRUE(log.Contains("Exception caught in threadfor chunk at"));
+        io.Cache().Run();
+    }
+    io.Restart();
+    EXPECT_EQ(VerifyTrack(io, written), 2u);
+}
+
+TEST(TrackWriterReader, ASecondWriterOnATrackIsRefused) {
+    TrackIo io(8, 2, 16 * 1024);
+    LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+    EXPECT_EQ(ThrownText([&] {
+                  LoopRecordingFileTrackWriter second(io.TrackId(), io.Manager(), io.Cache());
+              }),
+              "Track 8 is already being written to");
+}
+
+TEST(TrackWriterReader, ReadsOutsideTheTrackFindNothing) {
+    TrackIo io(5, 2, 16 * 1024);
+    {
+        LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+        writer.SetTrackDirectory(io.Root());
+        for (int i = 0; i < 3; ++i) {
+            Protocol::Chunk chunk = MakeChunkMessage((10 + i) * kSecond, kSecond, 100);
+            writer.Append(chunk);
+        }
+    }
+    ChunkCacheTrackReader reader(io.TrackId(), io.Manager(), io.Cache());
+    reader.SetTrackDirectory(io.Root());
+    Protocol::Chunk out;
+    Protocol::TimePoint next;
+    bool found = true;
+    reader.GetChunk(At(9 * kSecond), Protocol::KeyList(), out, found);
+    EXPECT_FALSE(found);
+    reader.GetChunk(At(13 * kSecond), Protocol::KeyList(), out, found);
+    EXPECT_FALSE(found);
+    reader.GetNextChunk(At(12 * kSecond), Protocol::KeyList(), out, found);
+    EXPECT_FALSE(found);
+    reader.GetPreviousChunk(At(11 * kSecond), Protocol::KeyList(), out, found);
+    EXPECT_TRUE(found);
+    EXPECT_EQ(out.timepoint().nanoseconds(), 10 * kSecond);
+    EXPECT_EQ(out.properties_size(), 0);  // no key asked for
+    bool result = true;
+    reader.Wait(At(0), 1000, result);
+    EXPECT_FALSE(result);
+}
+
+TEST(TrackWriterReader, RecyclingTheFileBeingWrittenSavesOnlyItsNewChunks) {
+    TrackIo io(6, 2, 16 * 1024);
+    std::map<int64_t, size_t> written;
+    int64_t t = 0;
+    auto append = [&](LoopRecordingFileTrackWriter& writer, size_t size) {
+        Protocol::Chunk chunk = MakeChunkMessage(t, kSecond, size);
+        writer.Append(chunk);
+        written[t] = size;
+        t += kSecond;
+    };
+    {
+        LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+        writer.SetTrackDirectory(io.Root());
+        for (int i = 0; i < 3; ++i)
+            append(writer, 5000);  // fills file 1
+        append(writer, 5000);      // file 2
+        io.Cache().Stop();         // let the flusher index what it has
+        io.Cache().Run();
+        io.Manager().Protect(1, TimePoint(), TimePoint::FromNanoseconds(1));  // file 1 held
+        // File 2 is the only one left to recycle: the index starts it over.
+        for (int i = 0; i < 4; ++i)
+            append(writer, 5000);
+    }
+    io.Restart();
+    const size_t read = VerifyTrack(io, written);
+    EXPECT_EQ(read, 3u + 2u);  // the protected block, and file 2 started over
+}
