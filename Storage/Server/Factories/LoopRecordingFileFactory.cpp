@@ -1,0 +1,135 @@
+#include "Storage/Server/Factories/LoopRecordingFileFactory.h"
+
+#include <boost/filesystem.hpp>
+
+#include "Platform/Logging/LoggingManager.h"
+#include "Storage/Indexes/Ram/NoChunkProtectionFactory.h"
+#include "Storage/Server/FileSystem/ChunkCacheFileTrackReaderFactory.h"
+#include "Storage/Server/FileSystem/LoopRecordingFileTrackWriterFactory.h"
+#include "Storage/Server/FileSystem/LoopRecordingTrackStorage.h"
+
+LoopRecordingFileFactory::LoopRecordingFileFactory(const FactoryParameters& parameters)
+    : trackDirectory_(parameters.trackDirectory),
+      dbDirectory_(parameters.dbDirectory),
+      poolDirectory_(parameters.poolDirectory),
+      monitoring_(std::make_unique<Monitoring>()),
+      logger_(tav::mr::logging::LoggingManager::GetLogger("LoopRecordingFactory")) {
+    MR_LOG(logger_, 30,
+           "Track directories on " << trackDirectory_ << ", db directory on " << dbDirectory_
+                                   << ", pool directory on " << poolDirectory_);
+    directoryHandler_ = std::make_unique<DirectoryHandler>(trackDirectory_);
+    MR_LOG(logger_, 30, "Using NoChunkProtectionFactory");
+    protectionFactory_ = std::make_unique<NoChunkProtectionFactory>();
+    managers_ = std::make_unique<LoopRecordingFileManagers>(*protectionFactory_);
+    managers_->SetDBTrackDirectory(dbDirectory_);
+    managers_->SetTrackDirectory(trackDirectory_);
+    // Every track is in RAM, and repaired, before any request.
+    for (long id : directoryHandler_->GetIds())
+        managers_->GetManager(id);
+    chunkCacheManager_ = std::make_unique<ChunkCacheManager>();
+    trackStorage_ =
+        std::make_unique<LoopRecordingCommonTrackStorage>(*directoryHandler_, *managers_);
+    trackStorage_->OpenPropertiesDatabase(dbDirectory_);
+    trackStorage_->OpenProtectionDatabase(dbDirectory_);
+    OpenPool();
+    trackStorage_->AddPool(pool_);
+    trackStorage_->SetMonitoring(monitoring_.get());
+    const unsigned long remaining = pool_->GetRemainingSpace();
+    MR_LOG(logger_, 30, "Available size is " << remaining / 1000000 << "MB (" << remaining << "B)");
+}
+
+LoopRecordingFileFactory::~LoopRecordingFileFactory() {
+    trackStorage_.reset();
+    pool_.reset();
+    chunkCacheManager_.reset();
+    managers_.reset();
+    protectionFactory_.reset();
+    directoryHandler_.reset();
+    monitoring_.reset();
+}
+
+void LoopRecordingFileFactory::OpenPool() {
+    pool_ = std::make_shared<FilesPool>();
+    const std::string dbFile = pool_->GetDBFile(dbDirectory_);
+    if (!boost::filesystem::exists(dbFile)) {
+        MR_LOG(logger_, 30,
+               "Pool DB file " << dbFile
+                               << " does not exist, which means you're probably "
+                                  "launching the storage for the first time. So we "
+                                  "will link the pool with the pool directory "
+                                  "specified: "
+                               << poolDirectory_);
+        pool_->OpenDatabase(dbDirectory_);
+        pool_->SetTrackDirectory(trackDirectory_);
+        pool_->LinkToDirectory(poolDirectory_);
+        return;
+    }
+    std::vector<ChunkFile> interrupted = pool_->OpenDatabase(dbDirectory_);
+    if (!interrupted.empty())
+        HandlePowerFailure(interrupted);
+}
+
+MoreldStorageApi::Service* LoopRecordingFileFactory::Construct(
+    const Moreld::Services::ExternalData& data) {
+    auto service = std::make_unique<MoreldStorageApi::Service>();
+    service->SetTrackStorage(std::make_unique<LoopRecordingTrackStorage>(*trackStorage_));
+    service->SetTrackWriterFactory(std::make_unique<LoopRecordingFileTrackWriterFactory>(
+        *managers_, *chunkCacheManager_, *directoryHandler_, *monitoring_, data.clientDescription));
+    service->SetTrackReaderFactory(std::make_unique<ChunkCacheFileTrackReaderFactory>(
+        *managers_, *chunkCacheManager_, *directoryHandler_, *monitoring_, data.clientDescription));
+    return service.release();
+}
+
+void LoopRecordingFileFactory::HandlePowerFailure(const std::vector<ChunkFile>& files) {
+    MR_LOG(logger_, 30, "Power failure detected while moving files...");
+    // All files of one interrupted move belong to one track and go one way:
+    // the status names the track, the directory number the direction.
+    const long track = files.at(0).GetFifthValue();
+    const bool intoTrack = files.at(0).GetDirectoryNumber() != 0;
+    LoopRecordingFileManager& manager = *managers_->GetManager(track);
+    // The manager knows its files as belonging to the track, with no status.
+    std::vector<ChunkFile> owned = files;
+    for (ChunkFile& file : owned) {
+        file.SetDirectoryNumber(track);
+        file.SetFifthValue(0);
+    }
+    if (intoTrack) {
+        FinishInsertion(track, manager, owned);
+    } else {
+        FinishRemoval(track, manager, owned);
+    }
+    pool_->CloseMoveFilesTransaction();
+}
+
+void LoopRecordingFileFactory::FinishInsertion(long track, LoopRecordingFileManager& manager,
+                                               const std::vector<ChunkFile>& files) {
+    MR_LOG(logger_, 30,
+           "T" << track << ": " << files.size() << " files still need to be inserted to manager");
+    // The move may have reached the manager before the power failed.
+    if (!manager.HasFile(files.front()))
+        manager.InsertFiles(files);
+}
+
+void LoopRecordingFileFactory::FinishRemoval(long track, LoopRecordingFileManager& manager,
+                                             const std::vector<ChunkFile>& files) {
+    MR_LOG(logger_, 30,
+           "T" << track << ": " << files.size() << " files still need to be removed from manager");
+    if (!manager.HasFile(files.front())) {
+        MR_LOG(logger_, 20, "T" << track << ": Manager has the file " << files.front());
+        return;
+    }
+    if (!manager.ForceRemoveFiles(files)) {
+        MR_LOG(logger_, 40,
+               "T" << track << ": some files to remove were not present in the manager");
+    }
+    manager.RemoveFiles(files);
+    if (manager.GetMaxTrackSize() != 0)
+        return;
+    // The track was being deleted when the power failed: finish the deletion.
+    directoryHandler_->Delete(track);
+    manager.Clear();
+    manager.DestroyDatabase();
+    managers_->Destroy(track);
+    trackStorage_->RemoveAllProperties(track);
+    MR_LOG(logger_, 30, "T" << track << ": Destroyed during recovery procedure.");
+}

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Platform/Logging/Logger.h"
+#include "Platform/Services/ExternalData.h"
+#include "Platform/Services/IServiceHandlerFactory.h"
+#include "Platform/Services/Service.h"
+#include "Storage/Indexes/File/ChunkFile.h"
+#include "Storage/Indexes/File/DirectoryHandler.h"
+#include "Storage/Indexes/File/FilesPool.h"
+#include "Storage/Indexes/Ram/ChunkCacheManager.h"
+#include "Storage/Indexes/Ram/IChunkProtectionFactory.h"
+#include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
+#include "Storage/Server/FileSystem/LoopRecordingCommonTrackStorage.h"
+#include "Storage/Server/Monitoring.h"
+
+// The entry of the library. The constructor builds the whole storage from
+// its three directories — track directories, every track's index (repaired
+// after an unclean stop), caches, the track storage with its protections and
+// properties, and the files pool (linked to the pool directory at a first
+// start, an interrupted move finished at a restart) — and Construct hands
+// the host its three services.
+//
+// Owns everything it builds; the objects Construct returns refer to it, so
+// the factory must outlive them. Destruction runs in the reverse order of
+// construction. Construct is safe from any thread.
+class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory {
+  public:
+    struct FactoryParameters {
+        std::string trackDirectory;  // root of the numbered track directories
+        std::string dbDirectory;     // pool.db, protections.db, properties.db, <track>.db
+        std::string poolDirectory;   // the preallocated free files
+    };
+
+    // Builds everything; any failure leaves the constructor (what was built
+    // is destroyed) and the host gets no factory.
+    explicit LoopRecordingFileFactory(const FactoryParameters& parameters);
+    ~LoopRecordingFileFactory() override;
+
+    // A new service (owned by the caller) with the track storage, the writer
+    // factory and the reader factory; `data.clientDescription` names the
+    // client in the workers' monitoring.
+    MoreldStorageApi::Service* Construct(const Moreld::Services::ExternalData& data) override;
+
+    LoopRecordingCommonTrackStorage& GetTrackStorage() { return *trackStorage_; }
+    LoopRecordingFileManagers& GetManagers() { return *managers_; }
+    std::shared_ptr<FilesPool> GetPool() { return pool_; }
+    Monitoring& GetMonitoring() { return *monitoring_; }
+
+    // Finishes a move between the pool and a track that a power failure
+    // interrupted; `files` are the pool's in-flight files.
+    void HandlePowerFailure(const std::vector<ChunkFile>& files);
+
+  private:
+    void OpenPool();
+    void FinishInsertion(long track, LoopRecordingFileManager& manager,
+                         const std::vector<ChunkFile>& files);
+    void FinishRemoval(long track, LoopRecordingFileManager& manager,
+                       const std::vector<ChunkFile>& files);
+
+    const std::string trackDirectory_;
+    const std::string dbDirectory_;
+    const std::string poolDirectory_;
+    // Declared in reverse order of destruction.
+    std::unique_ptr<Monitoring> monitoring_;
+    std::unique_ptr<DirectoryHandler> directoryHandler_;
+    std::unique_ptr<IChunkProtectionFactory> protectionFactory_;
+    std::unique_ptr<LoopRecordingFileManagers> managers_;
+    std::unique_ptr<ChunkCacheManager> chunkCacheManager_;
+    std::shared_ptr<FilesPool> pool_;
+    std::unique_ptr<LoopRecordingCommonTrackStorage> trackStorage_;
+    tav::mr::logging::Logger logger_;
+};

@@ -1,0 +1,108 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Platform/Logging/Logger.h"
+#include "Platform/Protocol/Protocol.pb.h"
+#include "Platform/Time/TimePoint.h"
+#include "Storage/Indexes/File/DirectoryHandler.h"
+#include "Storage/Indexes/File/FilesPool.h"
+#include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
+#include "Storage/Indexes/SQLite/ProtectionDB.h"
+#include "Storage/Server/FileSystem/TrackPropertiesCache.h"
+#include "Storage/Server/Monitoring.h"
+
+// The core of the track storage service: creates, resizes, clears and
+// deletes tracks by moving preallocated files between the pool and the
+// numbered track directories, keeping each track's index in step; answers
+// the queries; keeps protections ("protections.db") and properties
+// ("properties.db").
+//
+// Refers to the directory handler and the index registry (owned by the
+// service factory, which outlives it); shares the pools.
+//
+// Thread safety: every operation is safe from any thread. Two independent
+// mutexes: poolMutex_ serialises what moves files (create, resize, delete,
+// pools); accessMutex_ serialises clearing, queries, protections and
+// properties, so a long move never blocks readers of track information.
+// Deletion also holds the track's monitoring mutex, after poolMutex_; the
+// access mutex is never taken while a monitoring mutex is held.
+class LoopRecordingCommonTrackStorage {
+  public:
+    using TimePoint = Moreld::Time::TimePoint;
+
+    LoopRecordingCommonTrackStorage(DirectoryHandler& directories,
+                                    LoopRecordingFileManagers& managers);
+    virtual ~LoopRecordingCommonTrackStorage();
+
+    // --- Lifecycle ---
+    // 1 on success; -1 for a refused request (no pool, zero size). Throws
+    // std::runtime_error when the track exists or the pool cannot serve.
+    long CreateTrack(const Protocol::TrackParameters& in, Protocol::TrackParameters& out);
+    // The request's size is a signed change in bytes.
+    void GrowTrack(const Protocol::TrackParameters& in, Protocol::TrackParameters& out);
+    void DeleteTrack(const long& id, Protocol::TrackParameters& out);
+    void ClearTrack(const long& id);
+
+    // --- Queries ---
+    void ListTracks(Protocol::TrackList& out);
+    void GetTrackInfos(const Protocol::Ids& ids, Protocol::TrackInfos& out);
+    void GetRemainingSpace(long& out);
+    // Bytes of the track's files; 0 for an unknown track (no manager is created).
+    long GetMaxTrackSize(long id);
+    void GetBeginningOfTrack(const long& id, Protocol::TimePoint& out);
+    void GetEndOfTrack(const long& id, Protocol::TimePoint& out);
+    TimePoint GetAccumulatedDuration(const long& id, const TimePoint& from, const TimePoint& to);
+    unsigned long GetNumberOfChunks(const long& id, const TimePoint& from, const TimePoint& to);
+
+    // --- Protections and properties ---
+    void OpenProtectionDatabase(const std::string& dbDirectory);
+    void OpenPropertiesDatabase(const std::string& dbDirectory);
+    void Protect(const long& track, const Protocol::TimePoint& from,
+                 const Protocol::TimePoint& duration, long& protectionId);
+    // The worker: `isNew` false reloads a stored protection under its id.
+    void Protect(const long& track, const TimePoint& from, const TimePoint& duration,
+                 long& protectionId, bool isNew);
+    void Unprotect(const long& protectionId);
+    void ListProtections(Protocol::ProtectionInfos& out);
+    void SetTrackProperties(const long& track, const Protocol::PropertyList& properties);
+    void RemoveTrackProperties(const long& track, const Protocol::PropertyList& properties);
+    void GetTrackProperties(const long& track, Protocol::PropertyList& out);
+    void RemoveAllProperties(long track);
+
+    // --- Pools and monitoring ---
+    void AddPool(std::shared_ptr<FilesPool> pool);
+    void RemovePool(std::shared_ptr<FilesPool> pool);
+    void SetMonitoring(Monitoring* monitoring);
+    std::vector<std::pair<long, long>> GetActiveWorkers() const;
+    Monitoring::WorkerInfo GetWorkerInfo(long workerId) const;
+
+  private:
+    std::shared_ptr<FilesPool> FirstPool() const;  // null when there is none
+    long ChooseTrackId(long requested) const;
+    void ShrinkTrack(long id, unsigned long bytes, LoopRecordingFileManager& manager,
+                     Protocol::TrackParameters& out);
+    void ExtendTrack(long id, unsigned long bytes, LoopRecordingFileManager& manager,
+                     Protocol::TrackParameters& out);
+    // Returns the unprotected files of a track being deleted to the pool;
+    // true when nothing is left and the track is gone (but its properties).
+    bool GiveBackUnprotectedFiles(long id, FilesPool& pool, Protocol::TrackParameters& out);
+    Monitoring& RequireMonitoring(const char* message) const;
+
+    DirectoryHandler& directories_;
+    LoopRecordingFileManagers& managers_;
+    mutable std::mutex poolsMutex_;  // guards pools_ only, held briefly
+    std::set<std::shared_ptr<FilesPool>> pools_;
+    ProtectionDB protectionDb_;        // guarded by accessMutex_
+    TrackPropertiesCache properties_;  // guarded by accessMutex_
+    long lastProtectionId_ = 0;        // guarded by accessMutex_
+    Monitoring* monitoring_ = nullptr;
+    mutable std::mutex poolMutex_;
+    mutable std::mutex accessMutex_;
+    tav::mr::logging::Logger logger_;
+};

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "Platform/Services/Service.h"
+#include "Storage/Server/Factories/LoopRecordingFileFactory.h"
+#include "tests/Support/TempDir.h"
+
+namespace loopstore::test {
+
+// A whole storage on disk, as a host sees it: tracks, databases and a pool
+// of preallocated files, the factory and the service it constructs.
+class Storage {
+  public:
+    static constexpr unsigned long kFileSize = 64 * 1024;
+
+    explicit Storage(int poolFiles);
+    ~Storage();
+
+    // Builds the factory and its service (a start of the process).
+    void Start();
+    // Destroys them (a clean stop).
+    void Stop();
+    void Restart() {
+        Stop();
+        Start();
+    }
+
+    LoopRecordingFileFactory& Factory() { return *factory_; }
+    MoreldStorageApi::ITrackStorage& Tracks() { return *service_->trackStorage; }
+    MoreldStorageApi::ITrackWriterFactory& Writers() { return *service_->trackWriterFactory; }
+    MoreldStorageApi::ITrackReaderFactory& Readers() { return *service_->trackReaderFactory; }
+
+    std::string TracksDir() const { return dir_ / "tracks"; }
+    std::string DbDir() const { return dir_ / "db"; }
+    std::string PoolDir() const { return dir_ / "pool"; }
+    int PoolFiles() const { return poolFiles_; }
+
+    // Files on disk: in the pool directory, and in every track directory.
+    int FilesInPool() const;
+    int FilesInTracks() const;
+
+  private:
+    TempDir dir_;
+    int poolFiles_;
+    std::unique_ptr<LoopRecordingFileFactory> factory_;
+    std::unique_ptr<MoreldStorageApi::Service> service_;
+};
+
+}  // namespace loopstore::test
