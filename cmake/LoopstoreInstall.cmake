@@ -3,11 +3,7 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-set(installed loopstore_platform)
-if(TARGET loopstore)
-  list(APPEND installed loopstore)
-endif()
-install(TARGETS ${installed} EXPORT loopstoreTargets
+install(TARGETS loopstore_platform loopstore EXPORT loopstoreTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
