@@ -305,5 +305,9 @@ void LoopRecordingFileTrackWriter::WriteChunk(const Moreld::Plexa::DataChunk& da
         return;
     }
     currentFileChunks_.push_back(record);
+    // Written, so evictable: readers find it in the file through the index.
+    // Waiting for the whole file to be saved would let a file larger than the
+    // cache fill it with unhandled chunks, and Append would wait forever.
+    cache_.HandleChunk(data.GetTimePoint(), false);
     LOOPSTORE_SYNC_POINT("LoopRecordingFileTrackWriter::WriteChunk:Written");
 }

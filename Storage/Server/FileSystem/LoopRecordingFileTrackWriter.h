@@ -20,9 +20,9 @@
 // The host's writer for one track. The host's thread calls Append with each
 // chunk in time order; the chunk waits in the track's cache, whose flusher
 // thread hands it back (Flush): the index places it, the writer appends its
-// record to that chunk file and, each time the index moves to another file,
-// makes the finished file durable, saves its chunks in the track database
-// and lets the cache evict them.
+// record to that chunk file and lets the cache evict it; each time the index
+// moves to another file, the writer makes the finished file durable and then
+// saves its chunks in the track database.
 //
 // Ownership: the writer refers to its track's manager and cache (owned by
 // their registries, which outlive it) and owns the open chunk file and the

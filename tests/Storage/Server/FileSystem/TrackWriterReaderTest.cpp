@@ -247,3 +247,22 @@ TEST(TrackWriterReader, RecyclingTheFileBeingWrittenSavesOnlyItsNewChunks) {
     const size_t read = VerifyTrack(io, written);
     EXPECT_EQ(read, 3u + 2u);  // the protected block, and file 2 started over
 }
+
+TEST(TrackWriterReader, FilesLargerThanTheCacheDoNotStallTheWriter) {
+    // 4 files of 256 KiB behind a 64 KiB cache: the cache must free chunks
+    // as soon as they are written, not when their file is complete.
+    TrackIo io(9, 4, 256 * 1024);
+    std::map<int64_t, size_t> written;
+    {
+        LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+        writer.SetTrackDirectory(io.Root());
+        writer.SetCacheSize(64 * 1024);
+        for (int i = 0; i < 600; ++i) {
+            Protocol::Chunk chunk = MakeChunkMessage(i * kSecond, kSecond, 8000);
+            writer.Append(chunk);
+            written[i * kSecond] = 8000;
+        }
+    }
+    io.Restart();
+    EXPECT_GT(VerifyTrack(io, written), 100u);
+}
