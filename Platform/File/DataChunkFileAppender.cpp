@@ -11,6 +11,7 @@
 #include "Platform/File/ChunkRecordHeader.h"
 #include "Platform/File/ChunkRecordScanner.h"
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/SyncPoint.h"
 
 namespace Moreld::File {
 
@@ -78,6 +79,7 @@ uint64_t DataChunkFileAppender::GetTail() const {
 
 void DataChunkFileAppender::Sync() {
     file_.DataSync();
+    LOOPSTORE_SYNC_POINT("DataChunkFileAppender::Sync:Done");
 }
 
 bool DataChunkFileAppender::Fits(uint64_t offset, uint64_t size) const {

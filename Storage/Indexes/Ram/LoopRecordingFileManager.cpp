@@ -1,7 +1,5 @@
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 
-#include <boost/thread/locks.hpp>
-
 #include <sstream>
 #include <stdexcept>
 
@@ -13,8 +11,8 @@ using Moreld::Time::TimePoint;
 
 namespace {
 
-using SharedLock = boost::shared_lock<boost::shared_mutex>;
-using UniqueLock = boost::unique_lock<boost::shared_mutex>;
+using SharedLock = std::shared_lock<std::shared_mutex>;
+using UniqueLock = std::unique_lock<std::shared_mutex>;
 
 // Every chunk file starts with a header of this size; a block's first chunk
 // lies right after it.
@@ -62,20 +60,15 @@ FileSystem::Chunk LoopRecordingFileManager::Append(const TimePoint& tp, const Ti
         throw std::runtime_error(msg);
     }
     {
-        // Blocks are only erased under filesMutex_ held exclusively, and only
-        // this thread adds or fills them: the last block stays valid while the
-        // shared lock is held.
-        SharedLock files(filesMutex_);
-        FileSystem::Block* last = nullptr;
-        {
-            SharedLock index(indexMutex_);
-            if (!blocks_.empty())
-                last = &blocks_.rbegin()->second;
-        }
-        if (last != nullptr) {
-            LogProgress();
-            if (last->IsSpaceForNewChunk(size))
-                return AppendInBlock(*last, tp, duration, size);
+        // The common case: one map insertion under one lock. Every operation
+        // that erases blocks holds indexMutex_ exclusively too.
+        UniqueLock index(indexMutex_);
+        if (!blocks_.empty()) {
+            FileSystem::Block& last = blocks_.rbegin()->second;
+            if (chunkCounter_ % 750 == 0)
+                LogProgress(last);
+            if (last.IsSpaceForNewChunk(size))
+                return AppendInBlockLocked(last, tp, duration, size);
         }
     }
     bool empty;
@@ -256,10 +249,18 @@ FileSystem::Chunk LoopRecordingFileManager::AppendInBlock(FileSystem::Block& blo
                                                           const TimePoint& tp,
                                                           const TimePoint& duration,
                                                           unsigned long size) {
+    UniqueLock index(indexMutex_);
+    return AppendInBlockLocked(block, tp, duration, size);
+}
+
+FileSystem::Chunk LoopRecordingFileManager::AppendInBlockLocked(FileSystem::Block& block,
+                                                                const TimePoint& tp,
+                                                                const TimePoint& duration,
+                                                                unsigned long size) {
     ChunkLocation location(block.GetChunkFile(), block.GetCurrentSize(), size,
                            block.GetIndexOfNewChunk());
-    UniqueLock index(indexMutex_);
-    FileSystem::Chunk chunk(tp, duration, accumulatedDuration_.load(), location);
+    FileSystem::Chunk chunk(tp, duration, accumulatedDuration_.load(std::memory_order_relaxed),
+                            location);
     chunk.sequenceNumber = static_cast<unsigned long>(chunkCounter_);
     if (!block.Append(chunk)) {
         MR_LOG(logger_, 50,
@@ -272,22 +273,20 @@ FileSystem::Chunk LoopRecordingFileManager::AppendInBlock(FileSystem::Block& blo
     return chunk;
 }
 
+// Called with indexMutex_ held exclusively, as every writer of these
+// counters is: the stores only need to be atomic for lock-free readers.
 void LoopRecordingFileManager::CountAppended(const FileSystem::Chunk& chunk) {
-    accumulatedDuration_ = accumulatedDuration_.load() + chunk.duration;
+    constexpr auto relaxed = std::memory_order_relaxed;
+    accumulatedDuration_.store(accumulatedDuration_.load(relaxed) + chunk.duration, relaxed);
     ++chunkCounter_;
-    endOfTrack_ = chunk.timepoint + chunk.duration;
-    trackSize_ += chunk.location.size;
+    endOfTrack_.store(chunk.timepoint + chunk.duration, relaxed);
+    trackSize_.store(trackSize_.load(relaxed) + chunk.location.size, relaxed);
 }
 
-void LoopRecordingFileManager::LogProgress() {
-    // chunkCounter_ and the last block are only changed by this thread.
-    if (chunkCounter_ % 750 != 0 || !logger_.IsEnabledFor(20))
-        return;
-    SharedLock index(indexMutex_);
-    std::string name = blocks_.empty() ? "" : blocks_.rbegin()->second.GetChunkFile().GetFileName();
+void LoopRecordingFileManager::LogProgress(const FileSystem::Block& last) {
     MR_LOG(logger_, 20,
            "T" << trackId_ << ": " << trackSize_.load() / 1000000 << "MB, chunk " << chunkCounter_
-               << ", last written file: " << name);
+               << ", last written file: " << last.GetChunkFile().GetFileName());
 }
 
 bool LoopRecordingFileManager::IndexBlock(const FileSystem::Block& block) {

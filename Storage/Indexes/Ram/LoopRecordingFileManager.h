@@ -1,13 +1,12 @@
 #pragma once
 
-#include <boost/thread/shared_mutex.hpp>
-
 #include <atomic>
 #include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -37,9 +36,13 @@
 //   1. filesMutex_  (reader/writer): emptyFiles_, recyclableKeys_, protections_,
 //                   observers_, the choice of the next file. Held by every
 //                   operation that erases blocks.
-//   2. indexMutex_  (reader/writer): blocks_ and the chunk counters.
+//   2. indexMutex_  (reader/writer): blocks_ and the chunk counters. Also
+//                   held by every operation that erases blocks, so a chunk
+//                   that fits the current block is appended under this lock
+//                   alone.
 //   3. dbMutex_     (plain): serialises calls into trackDb_, which has no lock.
-// Counters that the service reads without a lock are atomics.
+// Counters that the service reads without a lock are atomics; they are
+// written under indexMutex_.
 class LoopRecordingFileManager : public IProtectionManager, public IFileSystemManager {
   public:
     using TimePoint = Moreld::Time::TimePoint;
@@ -135,8 +138,10 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     FileSystem::Chunk OpenBlock(const FileChoice& choice, const TimePoint& tp,
                                 const TimePoint& duration, unsigned long size);
     void ForgetRecycledFile(const ChunkFile& file);
+    FileSystem::Chunk AppendInBlockLocked(FileSystem::Block& block, const TimePoint& tp,
+                                          const TimePoint& duration, unsigned long size);
     void CountAppended(const FileSystem::Chunk& chunk);
-    void LogProgress();
+    void LogProgress(const FileSystem::Block& last);
     void CheckFactory() const;
     ChunkHandle MakeHandle(const FileSystem::Chunk& chunk) const;
     std::map<TimePoint, FileSystem::Block>::const_iterator BlockAtOrBefore(
@@ -154,14 +159,14 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     const long trackId_;
     tav::mr::logging::Logger logger_;
 
-    mutable boost::shared_mutex filesMutex_;
+    mutable std::shared_mutex filesMutex_;
     std::deque<ChunkFile> emptyFiles_;                          // guarded by filesMutex_
     std::set<TimePoint> recyclableKeys_;                        // guarded by filesMutex_
     std::map<unsigned long, std::set<TimePoint>> protections_;  // guarded by filesMutex_
     std::set<IProtectionObserver*> protectionObservers_;        // guarded by filesMutex_
     bool loopRecording_ = true;                                 // guarded by filesMutex_
 
-    mutable boost::shared_mutex indexMutex_;
+    mutable std::shared_mutex indexMutex_;
     std::map<TimePoint, FileSystem::Block> blocks_;  // guarded by indexMutex_
     long chunkCounter_ = 0;                          // guarded by indexMutex_
 

@@ -64,8 +64,7 @@ LoopRecordingFileTrackWriter::~LoopRecordingFileTrackWriter() {
         } else {
             const std::string name = appender_->GetFilename();
             const size_t count = currentFileChunks_.size();
-            appender_->Sync();  // the file is durable before the database names its chunks
-            manager_.SaveAndRemove(currentFileChunks_);
+            SaveCurrentFile();
             if (count != 0) {
                 MR_LOG(logger_, 10,
                        "Flushing the last active file " << name << " containing " << count
@@ -206,6 +205,7 @@ void LoopRecordingFileTrackWriter::SaveCurrentFile() {
     // The finished file is durable before the database says its chunks exist.
     if (saveOnFile_ && !appender_->GetNoFlush())
         appender_->Sync();
+    LOOPSTORE_SYNC_POINT("LoopRecordingFileTrackWriter::SaveCurrentFile:Saving");
     manager_.SaveAndRemove(currentFileChunks_);
     LOOPSTORE_SYNC_POINT("LoopRecordingFileTrackWriter::SaveCurrentFile:Saved");
 }

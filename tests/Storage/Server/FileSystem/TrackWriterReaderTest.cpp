@@ -5,6 +5,7 @@
 
 #include "Platform/Logging/LogCapture.h"
 #include "Platform/Plexa/Converter.h"
+#include "Platform/Tools/SyncPoint.h"
 #include "Storage/Server/FileSystem/ChunkCacheTrackReader.h"
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriter.h"
 #include "tests/Storage/Server/FileSystem/TrackIoFixture.h"
@@ -265,4 +266,37 @@ TEST(TrackWriterReader, FilesLargerThanTheCacheDoNotStallTheWriter) {
     }
     io.Restart();
     EXPECT_GT(VerifyTrack(io, written), 100u);
+}
+
+TEST(TrackWriterReader, AFinishedFileIsDurableBeforeTheDatabaseNamesItsChunks) {
+    TrackIo io(4, 3, 16 * 1024);
+    std::mutex mutex;
+    std::vector<std::string> events;
+    auto record = [&](const char* event) {
+        return [&, event] {
+            std::lock_guard<std::mutex> lock(mutex);
+            events.push_back(event);
+        };
+    };
+    auto& sync = Moreld::Tools::SyncPoint::Instance();
+    sync.SetCallback("DataChunkFileAppender::Sync:Done", record("sync"));
+    sync.SetCallback("LoopRecordingFileTrackWriter::SaveCurrentFile:Saving", record("save"));
+    {
+        LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+        writer.SetTrackDirectory(io.Root());
+        for (int i = 0; i < 12; ++i) {  // three chunks per file: four files
+            Protocol::Chunk chunk = MakeChunkMessage(i * kSecond, kSecond, 5000);
+            writer.Append(chunk);
+        }
+    }
+    sync.ClearAll();
+    size_t saves = 0;
+    for (size_t i = 0; i < events.size(); ++i) {
+        if (events[i] == "save") {
+            ++saves;
+            ASSERT_GT(i, 0u);
+            EXPECT_EQ(events[i - 1], "sync") << "save " << i << " without a sync before it";
+        }
+    }
+    EXPECT_EQ(saves, 4u);  // three finished files and the last one at close
 }
