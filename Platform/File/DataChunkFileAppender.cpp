@@ -12,6 +12,7 @@
 #include "Platform/File/ChunkRecordScanner.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Tools/SyncPoint.h"
+#include "Platform/Tools/SyncPoint.h"
 
 namespace Moreld::File {
 
