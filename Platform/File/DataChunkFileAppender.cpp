@@ -12,7 +12,6 @@
 #include "Platform/File/ChunkRecordScanner.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Tools/SyncPoint.h"
-#include "Platform/Tools/SyncPoint.h"
 
 namespace Moreld::File {
 
