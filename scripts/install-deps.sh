@@ -11,6 +11,8 @@ PACKAGES=(
   libprotobuf-dev protobuf-compiler
   libxxhash-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  libgrpc++-dev protobuf-compiler-grpc
+  libcli11-dev nlohmann-json3-dev
 )
 
 missing=()

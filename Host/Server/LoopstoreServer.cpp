@@ -1,0 +1,164 @@
+#include "Host/Server/LoopstoreServer.h"
+
+#include <grpcpp/security/server_credentials.h>
+#include <grpcpp/server_builder.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+#include "Platform/Logging/LoggingManager.h"
+
+namespace loopstore::host {
+
+namespace {
+
+// Chunks are video frames or groups of them: well above gRPC's 4 MB default.
+constexpr int kMaxMessageBytes = 64 * 1024 * 1024;
+// Unary calls in progress get this long to finish at a stop; streams still
+// open after it are cancelled.
+constexpr auto kShutdownGrace = std::chrono::milliseconds(500);
+
+std::string Host(const std::string& address) {
+    if (!address.empty() && address.front() == '[') {
+        const auto close = address.find(']');
+        return address.substr(1, close == std::string::npos ? std::string::npos : close - 1);
+    }
+    const auto colon = address.rfind(':');
+    return colon == std::string::npos ? address : address.substr(0, colon);
+}
+
+bool IsLoopback(const std::string& address) {
+    if (address.rfind("unix:", 0) == 0)
+        return true;  // a local socket never leaves the machine
+    const std::string host = Host(address);
+    return host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0;
+}
+
+std::string Trim(const std::string& text) {
+    const char* blanks = " \t\r\n";
+    const auto first = text.find_first_not_of(blanks);
+    if (first == std::string::npos)
+        return "";
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+// The token, or empty when no token file is configured.
+std::string ReadToken(const std::string& tokenFile) {
+    if (tokenFile.empty())
+        return "";
+    std::ifstream in(tokenFile);
+    if (!in)
+        throw std::runtime_error("Cannot read token file " + tokenFile);
+    std::ostringstream content;
+    content << in.rdbuf();
+    std::string token = Trim(content.str());
+    if (token.empty())
+        throw std::runtime_error("Token file " + tokenFile + " is empty");
+    return token;
+}
+
+void CheckListenPolicy(const ServerOptions& options, const std::string& token) {
+    if (IsLoopback(options.listenAddress))
+        return;
+    if (!options.allowRemote) {
+        throw std::runtime_error("Refusing to listen on " + options.listenAddress +
+                                 ": listening beyond loopback must be allowed explicitly");
+    }
+    if (token.empty()) {
+        throw std::runtime_error("Refusing to listen on " + options.listenAddress +
+                                 " without a token file");
+    }
+}
+
+}  // namespace
+
+LoopstoreServer::LoopstoreServer(ServerOptions options)
+    : options_(std::move(options)),
+      logger_(tav::mr::logging::LoggingManager::GetLogger("LoopstoreServer")) {}
+
+LoopstoreServer::~LoopstoreServer() {
+    Stop();
+}
+
+void LoopstoreServer::Start() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (server_)
+        throw std::runtime_error("Server already listening on port " + std::to_string(port_));
+    try {
+        const std::string token = ReadToken(options_.tokenFile);
+        CheckListenPolicy(options_, token);
+        OpenStorage();
+        Listen(token);
+    } catch (const std::exception& e) {
+        MR_LOG(logger_, 50, "Cannot start the server: " << e.what());
+        Release();
+        throw;
+    }
+    MR_LOG(logger_, 30,
+           "Listening on " << options_.listenAddress << " (port " << port_ << "), tracks in "
+                           << options_.tracksDir);
+}
+
+void LoopstoreServer::OpenStorage() {
+    for (const std::string& dir : {options_.tracksDir, options_.dbDir, options_.poolDir}) {
+        if (dir.empty())
+            throw std::runtime_error("The tracks, database and pool directories must all be set");
+        std::filesystem::create_directories(dir);
+    }
+    factory_ =
+        std::make_unique<LoopRecordingFileFactory>(LoopRecordingFileFactory::FactoryParameters{
+            options_.tracksDir, options_.dbDir, options_.poolDir});
+    storage_.reset(factory_->Construct({"loopstore", "loopstore server"}));
+}
+
+void LoopstoreServer::Listen(const std::string& token) {
+    guard_ = std::make_unique<CallGuard>(token);
+    peers_ = std::make_unique<PeerServiceFactory>(*factory_, "loopstore");
+    trackStorageRpc_ = std::make_unique<TrackStorageRpc>(*storage_->trackStorage, *guard_);
+    trackWriterRpc_ = std::make_unique<TrackWriterRpc>(*peers_, *guard_);
+    trackReaderRpc_ = std::make_unique<TrackReaderRpc>(*peers_, *guard_);
+
+    grpc::ServerBuilder builder;
+    builder.AddListeningPort(options_.listenAddress, grpc::InsecureServerCredentials(), &port_);
+    builder.SetMaxReceiveMessageSize(kMaxMessageBytes);
+    builder.SetMaxSendMessageSize(kMaxMessageBytes);
+    builder.RegisterService(trackStorageRpc_.get());
+    builder.RegisterService(trackWriterRpc_.get());
+    builder.RegisterService(trackReaderRpc_.get());
+    server_ = builder.BuildAndStart();
+    if (!server_ || port_ == 0) {
+        server_.reset();
+        throw std::runtime_error("Cannot listen on " + options_.listenAddress);
+    }
+}
+
+void LoopstoreServer::Stop() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!server_)
+        return;
+    MR_LOG(logger_, 30, "Stopping: no new calls, open streams end");
+    // Returns once every handler has returned, so every writer is destroyed
+    // (drained, last file saved) before the storage goes.
+    server_->Shutdown(std::chrono::system_clock::now() + kShutdownGrace);
+    server_->Wait();
+    Release();
+    MR_LOG(logger_, 30, "Stopped; storage closed");
+}
+
+void LoopstoreServer::Release() {
+    server_.reset();
+    port_ = 0;
+    trackReaderRpc_.reset();
+    trackWriterRpc_.reset();
+    trackStorageRpc_.reset();
+    peers_.reset();
+    guard_.reset();
+    storage_.reset();
+    factory_.reset();
+}
+
+}  // namespace loopstore::host

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string>
+
+namespace loopstore::host {
+
+// What the loopstore server is started with; the command line fills it in.
+struct ServerOptions {
+    // The three storage directories: track files, track databases, file pool.
+    std::string tracksDir;
+    std::string dbDir;
+    std::string poolDir;
+    // "host:port"; port 0 picks a free port.
+    std::string listenAddress = "127.0.0.1:7420";
+    // A file holding the bearer token every call must carry. Required when
+    // listening beyond loopback; optional (and then enforced) on loopback.
+    std::string tokenFile;
+    // A log4cplus properties file; empty: warnings and above to the console.
+    std::string logConfig;
+    // Must be set to listen on anything but a loopback address.
+    bool allowRemote = false;
+};
+
+// Configures logging, starts the server and blocks until SIGTERM or SIGINT
+// (or RequestStop()), then stops it cleanly: open streams end, writers are
+// drained and the storage is closed. Returns 0 after a clean stop, non-zero
+// when the server could not start (the reason is logged and printed on
+// stderr). Call from one thread at a time.
+int RunServer(const ServerOptions& options);
+
+// Makes a running RunServer() stop as if it had received SIGTERM. Safe from
+// any thread and from a signal handler; does nothing when no server runs.
+void RequestStop();
+
+}  // namespace loopstore::host

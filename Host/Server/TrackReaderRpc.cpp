@@ -1,0 +1,103 @@
+#include "Host/Server/TrackReaderRpc.h"
+
+#include <stdexcept>
+#include <string>
+
+#include "Platform/Logging/LoggingManager.h"
+
+namespace loopstore::host {
+
+TrackReaderRpc::TrackReaderRpc(const PeerServiceFactory& services, const CallGuard& guard)
+    : services_(services),
+      guard_(guard),
+      logger_(tav::mr::logging::LoggingManager::GetLogger("TrackReaderRpc")) {}
+
+grpc::Status TrackReaderRpc::Session(
+    grpc::ServerContext* context,
+    grpc::ServerReaderWriter<rpc::ReadReply, rpc::ReadRequest>* stream) {
+    return guard_.Run(*context, "Session", [&] { Serve(*context, *stream); });
+}
+
+grpc::Status TrackReaderRpc::Export(grpc::ServerContext* context, const rpc::ExportRequest* request,
+                                    grpc::ServerWriter<Protocol::Chunk>* stream) {
+    return guard_.Run(*context, "Export", [&] { Walk(*context, *request, *stream); });
+}
+
+rpc::ReadReply TrackReaderRpc::Answer(MoreldStorageApi::ITrackReader& reader,
+                                      const rpc::ReadRequest& request) {
+    rpc::ReadReply reply;
+    bool found = false;
+    switch (request.operation()) {
+        case rpc::ReadRequest::GET_CHUNK:
+            reader.GetChunk(request.at(), request.keys(), *reply.mutable_chunk(), found);
+            break;
+        case rpc::ReadRequest::GET_NEXT_CHUNK:
+            reader.GetNextChunk(request.at(), request.keys(), *reply.mutable_chunk(), found);
+            break;
+        case rpc::ReadRequest::GET_PREVIOUS_CHUNK:
+            reader.GetPreviousChunk(request.at(), request.keys(), *reply.mutable_chunk(), found);
+            break;
+        case rpc::ReadRequest::NEXT_TIME_POINT:
+            reader.NextTimePoint(request.at(), *reply.mutable_time_point(), found);
+            break;
+        case rpc::ReadRequest::PREVIOUS_TIME_POINT:
+            reader.PreviousTimePoint(request.at(), *reply.mutable_time_point(), found);
+            break;
+        default:
+            throw std::invalid_argument("Unknown read operation " +
+                                        std::to_string(request.operation()));
+    }
+    reply.set_found(found);
+    return reply;
+}
+
+void TrackReaderRpc::Serve(grpc::ServerContext& context,
+                           grpc::ServerReaderWriter<rpc::ReadReply, rpc::ReadRequest>& stream) {
+    rpc::ReadRequest request;
+    if (!stream.Read(&request))
+        return;
+    if (!request.has_open())
+        throw std::invalid_argument("The first request of a read session must name its track");
+    const long trackId = static_cast<long>(request.open().track_id());
+    // Declared after the service that made it, the reader is destroyed first.
+    std::unique_ptr<MoreldStorageApi::Service> service = services_.Construct(context);
+    ClientObject<MoreldStorageApi::ITrackReader> reader(
+        service->trackReaderFactory->Create(trackId));
+    MR_LOG(logger_, 20, "T" << trackId << ": read session opened by " << context.peer());
+    do {
+        if (!stream.Write(Answer(*reader, request)))
+            break;  // the client went away
+    } while (stream.Read(&request));
+}
+
+void TrackReaderRpc::Walk(grpc::ServerContext& context, const rpc::ExportRequest& request,
+                          grpc::ServerWriter<Protocol::Chunk>& stream) {
+    const long trackId = static_cast<long>(request.track_id());
+    const int64_t to = request.to().nanoseconds();
+    if (to < request.from().nanoseconds()) {
+        throw std::invalid_argument("T" + std::to_string(trackId) + ": export range ends at " +
+                                    std::to_string(to) + " ns, before its start at " +
+                                    std::to_string(request.from().nanoseconds()) + " ns");
+    }
+    std::unique_ptr<MoreldStorageApi::Service> service = services_.Construct(context);
+    ClientObject<MoreldStorageApi::ITrackReader> reader(
+        service->trackReaderFactory->Create(trackId));
+    // The chunk holding `from` overlaps the range even when it starts before.
+    Protocol::Chunk chunk;
+    bool found = false;
+    reader->GetChunk(request.from(), request.keys(), chunk, found);
+    if (!found)
+        reader->GetNextChunk(request.from(), request.keys(), chunk, found);
+    long sent = 0;
+    while (found && chunk.timepoint().nanoseconds() < to && !context.IsCancelled()) {
+        const Protocol::TimePoint at = chunk.timepoint();
+        if (!stream.Write(chunk))
+            break;
+        ++sent;
+        chunk.Clear();
+        reader->GetNextChunk(at, request.keys(), chunk, found);
+    }
+    MR_LOG(logger_, 20, "T" << trackId << ": exported " << sent << " chunks to " << context.peer());
+}
+
+}  // namespace loopstore::host

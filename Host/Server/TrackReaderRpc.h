@@ -1,0 +1,47 @@
+#pragma once
+
+#include "Host/Rpc/Loopstore.grpc.pb.h"
+#include "Host/Server/CallGuard.h"
+#include "Host/Server/PeerServiceFactory.h"
+#include "Platform/Logging/Logger.h"
+#include "Platform/Services/ITrackReader.h"
+
+namespace loopstore::host {
+
+// Serves reading: a Session keeps one track reader for as long as its
+// stream and answers each request with one reply; Export streams every
+// chunk that overlaps a time range. A time outside the track is not an
+// error: the reply says found = false, or the export ends.
+//
+// Refers to `services` and `guard`, which must outlive it. gRPC calls it
+// from many threads at once; each call owns its reader.
+class TrackReaderRpc final : public rpc::TrackReader::Service {
+  public:
+    TrackReaderRpc(const PeerServiceFactory& services, const CallGuard& guard);
+
+    // The first request must carry `open`; it opens the reader and is then
+    // answered like every other request.
+    grpc::Status Session(
+        grpc::ServerContext* context,
+        grpc::ServerReaderWriter<rpc::ReadReply, rpc::ReadRequest>* stream) override;
+
+    // INVALID_ARGUMENT when `to` is before `from`.
+    grpc::Status Export(grpc::ServerContext* context, const rpc::ExportRequest* request,
+                        grpc::ServerWriter<Protocol::Chunk>* stream) override;
+
+    // Answers one session request with `reader`.
+    static rpc::ReadReply Answer(MoreldStorageApi::ITrackReader& reader,
+                                 const rpc::ReadRequest& request);
+
+  private:
+    void Serve(grpc::ServerContext& context,
+               grpc::ServerReaderWriter<rpc::ReadReply, rpc::ReadRequest>& stream);
+    void Walk(grpc::ServerContext& context, const rpc::ExportRequest& request,
+              grpc::ServerWriter<Protocol::Chunk>& stream);
+
+    const PeerServiceFactory& services_;
+    const CallGuard& guard_;
+    tav::mr::logging::Logger logger_;
+};
+
+}  // namespace loopstore::host

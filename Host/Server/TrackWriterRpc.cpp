@@ -1,0 +1,56 @@
+#include "Host/Server/TrackWriterRpc.h"
+
+#include <stdexcept>
+
+#include "Platform/Logging/LoggingManager.h"
+
+namespace loopstore::host {
+
+TrackWriterRpc::TrackWriterRpc(const PeerServiceFactory& services, const CallGuard& guard)
+    : services_(services),
+      guard_(guard),
+      logger_(tav::mr::logging::LoggingManager::GetLogger("TrackWriterRpc")) {}
+
+grpc::Status TrackWriterRpc::Write(grpc::ServerContext* context,
+                                   grpc::ServerReader<rpc::WriteRequest>* stream,
+                                   rpc::WriteSummary* summary) {
+    return guard_.Run(*context, "Write", [&] { Record(*context, *stream, *summary); });
+}
+
+void TrackWriterRpc::Record(grpc::ServerContext& context,
+                            grpc::ServerReader<rpc::WriteRequest>& stream,
+                            rpc::WriteSummary& summary) {
+    rpc::WriteRequest request;
+    if (!stream.Read(&request))
+        return;  // closed before naming a track: nothing to write
+    if (!request.has_open())
+        throw std::invalid_argument("The first message of a write stream must name its track");
+    const long trackId = static_cast<long>(request.open().track_id());
+    // The writer refers to objects of the service: declared after it, it is
+    // destroyed first.
+    std::unique_ptr<MoreldStorageApi::Service> service = services_.Construct(context);
+    ClientObject<MoreldStorageApi::ITrackWriter> writer(
+        service->trackWriterFactory->Create(trackId));
+    MR_LOG(logger_, 30, "T" << trackId << ": write stream opened by " << context.peer());
+    while (stream.Read(&request)) {
+        if (!request.has_chunk()) {
+            throw std::invalid_argument("T" + std::to_string(trackId) +
+                                        ": a write stream names its track only once");
+        }
+        const Protocol::Chunk& chunk = request.chunk();
+        const int64_t bytes = static_cast<int64_t>(chunk.data().size());
+        const int64_t end = chunk.timepoint().nanoseconds() + chunk.duration().nanoseconds();
+        writer->Append(chunk);
+        summary.set_chunks(summary.chunks() + 1);
+        summary.set_bytes(summary.bytes() + bytes);
+        summary.mutable_end()->set_nanoseconds(end);
+    }
+    // A stop of the server cancels the stream; what was accepted is kept all
+    // the same, the writer's destruction below writes it out.
+    MR_LOG(logger_, 30,
+           "T" << trackId << ": write stream of " << context.peer() << " ended"
+               << (context.IsCancelled() ? " (cancelled)" : "") << " after " << summary.chunks()
+               << " chunks");
+}
+
+}  // namespace loopstore::host

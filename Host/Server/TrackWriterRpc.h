@@ -1,0 +1,35 @@
+#pragma once
+
+#include "Host/Rpc/Loopstore.grpc.pb.h"
+#include "Host/Server/CallGuard.h"
+#include "Host/Server/PeerServiceFactory.h"
+#include "Platform/Logging/Logger.h"
+
+namespace loopstore::host {
+
+// Serves write streams: one track writer per stream, created from the first
+// message and destroyed (so drained, its last file saved) when the stream
+// ends, whether the client closed it, a chunk was refused or the server is
+// stopping.
+//
+// Refers to `services` and `guard`, which must outlive it. gRPC calls Write
+// from many threads at once; each call owns its writer.
+class TrackWriterRpc final : public rpc::TrackWriter::Service {
+  public:
+    TrackWriterRpc(const PeerServiceFactory& services, const CallGuard& guard);
+
+    // OK with the summary when the client closed the stream; otherwise the
+    // refusal's status (the chunks accepted before it are kept).
+    grpc::Status Write(grpc::ServerContext* context, grpc::ServerReader<rpc::WriteRequest>* stream,
+                       rpc::WriteSummary* summary) override;
+
+  private:
+    void Record(grpc::ServerContext& context, grpc::ServerReader<rpc::WriteRequest>& stream,
+                rpc::WriteSummary& summary);
+
+    const PeerServiceFactory& services_;
+    const CallGuard& guard_;
+    tav::mr::logging::Logger logger_;
+};
+
+}  // namespace loopstore::host
