@@ -11,16 +11,18 @@ deps:
 	@scripts/install-deps.sh
 
 # Every test, under AddressSanitizer + UndefinedBehaviorSanitizer, then the
-# concurrency tests under ThreadSanitizer.
+# concurrency tests (label "concurrency", all in the storage) under
+# ThreadSanitizer.
 test: deps test-asan test-tsan
 
 test-asan:
-	cmake -S . -B $(ASAN_DIR) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Debug -DLOOPSTORE_SANITIZE=address
+	cmake -S . -B $(ASAN_DIR) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Debug -DLOOPSTORE_SANITIZE=address -DLOOPSTORE_BUILD_BENCH=OFF
 	cmake --build $(ASAN_DIR) -j $(JOBS)
 	cd $(ASAN_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600
 
 test-tsan:
-	cmake -S . -B $(TSAN_DIR) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Debug -DLOOPSTORE_SANITIZE=thread
+	cmake -S . -B $(TSAN_DIR) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Debug -DLOOPSTORE_SANITIZE=thread \
+		-DLOOPSTORE_BUILD_BENCH=OFF -DLOOPSTORE_BUILD_HOST=OFF
 	cmake --build $(TSAN_DIR) -j $(JOBS)
 	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600 -L concurrency
 
