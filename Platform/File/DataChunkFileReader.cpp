@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/uio.h>
 
+#include <atomic>
 #include <cinttypes>
 #include <cstdio>
 #include <stdexcept>
@@ -15,6 +16,17 @@ namespace Moreld::File {
 
 namespace {
 
+// The property block size of the record last read by any reader. Tracks
+// mostly carry the same properties on every chunk, so a fresh reader can use
+// it to read a whole record with one system call.
+std::atomic<uint32_t> propertiesSizeHint{0};
+
+const tav::mr::logging::Logger& Log() {
+    static const tav::mr::logging::Logger logger =
+        tav::mr::logging::LoggingManager::GetLogger("DataChunkFileReader");
+    return logger;
+}
+
 std::string Hex(uint64_t value) {
     char text[19];
     std::snprintf(text, sizeof(text), "0x%016" PRIx64, value);
@@ -26,7 +38,7 @@ std::string Hex(uint64_t value) {
 DataChunkFileReader::DataChunkFileReader(const std::string& fileName)
     : file_(fileName, O_RDONLY, "Cannot open chunk file"),
       fileSize_(file_.Size()),
-      logger_(tav::mr::logging::LoggingManager::GetLogger("DataChunkFileReader")) {}
+      propertiesSizeGuess_(propertiesSizeHint.load(std::memory_order_relaxed)) {}
 
 void DataChunkFileReader::GetChunk(Moreld::Plexa::DataChunk& out, uint64_t offset,
                                    const std::set<std::string>& keys) {
@@ -44,11 +56,19 @@ void DataChunkFileReader::GetChunk(Moreld::Plexa::DataChunk& out, uint64_t offse
 void DataChunkFileReader::Read(Moreld::Plexa::DataChunk& out, uint64_t offset,
                                const std::set<std::string>& keys, const Expectation* expected) {
     char raw[ChunkRecordHeader::kSize];
-    const ChunkRecordHeader header = ReadHeader(offset, raw);
+    const uint64_t guessedSize = expected != nullptr ? expected->sizeOnFile : recordSizeGuess_;
+    bool bodyRead = false;
+    const ChunkRecordHeader header =
+        ReadHeader(offset, guessedSize, raw, out.MutableData(), bodyRead);
     if (expected != nullptr) {
         CheckExpectation(offset, header, *expected);
     }
-    ReadBody(offset, header, out.MutableData());
+    if (!bodyRead) {
+        ReadBody(offset, header, out.MutableData());
+    }
+    propertiesSizeGuess_ = header.propertiesSize;
+    recordSizeGuess_ = header.RecordSize();
+    propertiesSizeHint.store(header.propertiesSize, std::memory_order_relaxed);
     VerifyChecksum(offset, header, raw, out.GetData());
     std::string error = ChunkPropertyBlock::Parse(properties_, keys, &out.MutableProperties());
     if (!error.empty()) {
@@ -70,14 +90,34 @@ uint64_t DataChunkFileReader::FileGeneration(uint64_t offset) {
     return header_.GetGeneration();
 }
 
-ChunkRecordHeader DataChunkFileReader::ReadHeader(uint64_t offset,
-                                                  char (&raw)[ChunkRecordHeader::kSize]) {
+// With a plausible guess of the record's layout, the header, the property
+// block and the payload come in one system call; the guess is only kept when
+// the header read with it confirms both sizes, else ReadBody reads again.
+ChunkRecordHeader DataChunkFileReader::ReadHeader(uint64_t offset, uint64_t guessedSize,
+                                                  char (&raw)[ChunkRecordHeader::kSize],
+                                                  std::string& payload, bool& bodyRead) {
     const uint64_t generation = FileGeneration(offset);
     if (offset > fileSize_ || fileSize_ - offset < sizeof(raw)) {
         Fail(offset,
              "no record header fits before the end of the file at " + std::to_string(fileSize_));
     }
-    if (file_.ReadAt(raw, sizeof(raw), offset) != sizeof(raw)) {
+    const uint64_t guessedBody = sizeof(raw) + propertiesSizeGuess_;
+    const bool speculate = propertiesSizeGuess_ >= ChunkRecordHeader::kMinPropertiesSize &&
+                           guessedSize >= guessedBody && guessedSize <= fileSize_ - offset;
+    size_t got = 0;
+    if (speculate) {
+        properties_.resize(propertiesSizeGuess_);
+        payload.resize(guessedSize - guessedBody);
+        struct iovec iov[3] = {
+            {raw, sizeof(raw)},
+            {properties_.data(), properties_.size()},
+            {payload.data(), payload.size()},
+        };
+        got = file_.ReadAtV(iov, 3, offset);
+    } else {
+        got = file_.ReadAt(raw, sizeof(raw), offset);
+    }
+    if (got < sizeof(raw)) {
         Fail(offset, "end of file inside the record header");
     }
     const ChunkRecordHeader header = ChunkRecordHeader::Decode(raw);
@@ -85,6 +125,8 @@ ChunkRecordHeader DataChunkFileReader::ReadHeader(uint64_t offset,
     if (!error.empty()) {
         Fail(offset, error);
     }
+    bodyRead = speculate && got == guessedSize && header.propertiesSize == propertiesSizeGuess_ &&
+               header.RecordSize() == guessedSize;
     return header;
 }
 
@@ -133,7 +175,7 @@ void DataChunkFileReader::VerifyChecksum(uint64_t offset, const ChunkRecordHeade
 void DataChunkFileReader::Fail(uint64_t offset, const std::string& what) const {
     const std::string text = "Chunk file " + GetFilename() + ": bad record at offset " +
                              std::to_string(offset) + ": " + what;
-    MR_LOG(logger_, 50, text);
+    MR_LOG(Log(), 50, text);
     throw std::runtime_error(text);
 }
 

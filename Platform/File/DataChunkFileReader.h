@@ -7,7 +7,6 @@
 #include "Platform/File/ChunkFileHeader.h"
 #include "Platform/File/ChunkRecordHeader.h"
 #include "Platform/File/PosixFile.h"
-#include "Platform/Logging/Logger.h"
 #include "Platform/Plexa/DataChunk.h"
 #include "Platform/Time/TimePoint.h"
 
@@ -55,7 +54,12 @@ class DataChunkFileReader {
     void Read(Moreld::Plexa::DataChunk& out, uint64_t offset, const std::set<std::string>& keys,
               const Expectation* expected);
     uint64_t FileGeneration(uint64_t offset);
-    ChunkRecordHeader ReadHeader(uint64_t offset, char (&raw)[ChunkRecordHeader::kSize]);
+    // Reads the header into `raw`, and with it the whole record when
+    // `guessedSize` (0: unknown) and the guessed property block size are
+    // right: `bodyRead` then tells that properties_ and `payload` are filled.
+    ChunkRecordHeader ReadHeader(uint64_t offset, uint64_t guessedSize,
+                                 char (&raw)[ChunkRecordHeader::kSize], std::string& payload,
+                                 bool& bodyRead);
     void CheckExpectation(uint64_t offset, const ChunkRecordHeader& header,
                           const Expectation& expected) const;
     void ReadBody(uint64_t offset, const ChunkRecordHeader& header, std::string& payload);
@@ -68,7 +72,9 @@ class DataChunkFileReader {
     uint64_t fileSize_;
     ChunkFileHeader header_;  // kept once valid
     std::string properties_;  // property block of the last record, reused
-    tav::mr::logging::Logger logger_;
+    // Layout of the last record read, the guess for the next one.
+    uint32_t propertiesSizeGuess_;
+    uint64_t recordSizeGuess_ = 0;
 };
 
 }  // namespace Moreld::File

@@ -42,6 +42,8 @@ class ChunkCache {
 
     unsigned long GetMaximumSize() const { return maximumSize_; }
     unsigned long GetCurrentSize() const { return currentSize_; }
+    // Number of cached chunks, whatever the mode.
+    unsigned long GetChunkCount() const { return chunks_.size(); }
     // current * 100 / maximum, truncated; 100 for a zero maximum. Above 100
     // when the bound was lowered below the content.
     unsigned long GetFillPercentage() const;

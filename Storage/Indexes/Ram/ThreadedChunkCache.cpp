@@ -1,5 +1,6 @@
 #include "Storage/Indexes/Ram/ThreadedChunkCache.h"
 
+#include <algorithm>
 #include <mutex>
 #include <shared_mutex>
 
@@ -70,7 +71,10 @@ bool ThreadedChunkCache::Insert(DataChunkPtr chunk, TimePoint t, unsigned long s
         if (flusher != nullptr)
             flusher->CacheIsWaiting(true);
         // Only HandleChunk and the limit setters wake us; there is no time-out.
+        inserterWaiting_ = true;
+        handledWhileWaiting_ = 0;
         spaceAvailable_.wait(lock);
+        inserterWaiting_ = false;
         if (flusher != nullptr)
             flusher->CacheIsWaiting(false);
         waited = true;
@@ -84,7 +88,8 @@ bool ThreadedChunkCache::Insert(DataChunkPtr chunk, TimePoint t, unsigned long s
 void ThreadedChunkCache::HandleChunk(TimePoint t, bool remove) {
     std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
     cache_.HandleChunk(t, remove);
-    spaceAvailable_.notify_one();
+    if (inserterWaiting_ && ShouldWakeInserter())
+        spaceAvailable_.notify_one();
     MR_LOG(logger_, 10, "T" << trackId_ << ": Handled chunk at " << t);
 }
 
@@ -124,6 +129,15 @@ void ThreadedChunkCache::Flush() {
         if (flusher != nullptr)
             flusher->Flush(std::move(chunk));
     }
+}
+
+// Waking the inserter for each handled chunk would cost two context switches
+// per chunk once the cache is full: it would take the one freed place and
+// wait again. It is woken once an eighth of the cached chunks can go, or when
+// nothing is queued, since then no further HandleChunk may come.
+bool ThreadedChunkCache::ShouldWakeInserter() {
+    const unsigned long batch = std::max<unsigned long>(1, cache_.GetChunkCount() / 8);
+    return ++handledWhileWaiting_ >= batch || pending_.empty();
 }
 
 bool ThreadedChunkCache::TakeOldestPending(DataChunkPtr& chunk) {

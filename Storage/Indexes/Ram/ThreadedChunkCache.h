@@ -62,8 +62,9 @@ class ThreadedChunkCache {
     // exceptions of ChunkCache::InsertAndRemoveHandledChunks pass through with
     // nothing inserted or queued.
     bool Insert(DataChunkPtr chunk, TimePoint t, unsigned long size);
-    // Marks the chunk at `t` handled, or removes it, and wakes one blocked
-    // insertion.
+    // Marks the chunk at `t` handled, or removes it. Wakes a blocked
+    // insertion once an eighth of the cached chunks has been handled since it
+    // began to wait, or at once when no chunk is queued for the flusher.
     void HandleChunk(TimePoint t, bool remove);
     // Drops every chunk and every queued time point. Does not wake a blocked
     // Insert.
@@ -79,6 +80,9 @@ class ThreadedChunkCache {
     // Takes the oldest queued chunk out of pending. False when nothing is
     // queued (the pass woken by Stop or left over from Clear).
     bool TakeOldestPending(DataChunkPtr& chunk);
+    // Counts one handled chunk for a blocked insertion; true when it is worth
+    // waking it. Requires cacheMutex_ held exclusively.
+    bool ShouldWakeInserter();
 
     ChunkCache cache_;  // guarded by cacheMutex_
     std::atomic<IChunkFlusher*> flusher_{nullptr};
@@ -87,6 +91,8 @@ class ThreadedChunkCache {
     // Waited on, with cacheMutex_ held exclusively, by an insertion that found
     // no room.
     boost::condition_variable_any spaceAvailable_;
+    bool inserterWaiting_ = false;           // guarded by cacheMutex_
+    unsigned long handledWhileWaiting_ = 0;  // guarded by cacheMutex_
     // One signal per queued chunk plus one per Stop.
     Moreld::Tools::Semaphore work_{0};
     std::unique_ptr<std::thread> thread_;  // touched by Run and Stop only

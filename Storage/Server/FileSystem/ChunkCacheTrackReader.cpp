@@ -85,6 +85,9 @@ void ChunkCacheTrackReader::GetChunk(const FileSystem::Chunk& chunk,
     const std::string name = chunk.location.file.GetAbsoluteFileName(trackDirectory_, false);
     Moreld::File::DataChunkFileReader reader(name);
     Moreld::Plexa::DataChunk data;
+    // The record is read into the buffer `out` already owns: a caller that
+    // reuses its message allocates (and zero-fills) no new payload.
+    data.MutableData().swap(*out.mutable_data());
     reader.GetChunk(data, chunk.location.offset, keys, chunk.timepoint, chunk.location.size);
     if (monitoring_ != nullptr)
         monitoring_->Log(workerId_, data.GetSizeOnFile());

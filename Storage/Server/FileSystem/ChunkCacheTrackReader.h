@@ -45,8 +45,10 @@ class ChunkCacheTrackReader : public MoreldStorageApi::ITrackReader {
 
     void SetTrackDirectory(const std::string& directory) { trackDirectory_ = directory; }
     void SetMonitoring(Monitoring* monitoring, long workerId);
-    // Fetches one indexed chunk's content, from the cache or its file. File
-    // errors (a record that is not the chunk named) propagate.
+    // Fetches one indexed chunk's content, from the cache or its file. A
+    // record is read into the payload buffer `out` already holds, so a caller
+    // that reuses `out` saves an allocation per fetch. File errors (a record
+    // that is not the chunk named) propagate; `out` is then unspecified.
     void GetChunk(const FileSystem::Chunk& chunk, const std::set<std::string>& keys,
                   Protocol::Chunk& out, bool& found);
     // Adds "tav-beginning-of-track", "tav-end-of-track",

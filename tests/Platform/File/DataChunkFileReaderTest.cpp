@@ -142,6 +142,45 @@ TEST_F(DataChunkFileReaderTest, NamesWhatIsDamagedAndLogsIt) {
     }
 }
 
+// After a first record the reader guesses the next one's layout and reads it
+// in one call; a wrong guess, even of the right total size, must fall back,
+// and a right one must still be verified.
+TEST_F(DataChunkFileReaderTest, RecordsReadWithAGuessedLayoutAreStillVerified) {
+    const std::string path = dir_ / "00000043";
+    CreatePreallocatedFile(path, kFileSize);
+    // The same record size, split differently between properties and payload.
+    const std::vector<DataChunk> chunks = {
+        MakeChunk(10, 1000, {{"k", "vv"}}),
+        MakeChunk(11, 1001, {{"k", "v"}}),
+        MakeChunk(12, 1000, {{"k", "vv"}}),
+    };
+    ASSERT_EQ(chunks[0].GetSizeOnFile(), chunks[1].GetSizeOnFile());
+    {
+        DataChunkFileAppender appender(path, false, kFileSize);
+        for (const DataChunk& chunk : chunks) {
+            ASSERT_TRUE(appender.Append(chunk));
+        }
+    }
+    const std::vector<uint64_t> offsets = OffsetsOf(chunks);
+    DataChunkFileReader reader(path);
+    DataChunk out;
+    for (size_t i : {0, 1, 2, 2, 0}) {
+        reader.GetChunk(out, offsets[i], {"k"}, chunks[i].GetTimePoint(),
+                        chunks[i].GetSizeOnFile());
+        EXPECT_EQ(out, chunks[i]) << i;
+    }
+    const std::string wrongTime = ErrorOf([&] {
+        reader.GetChunk(out, offsets[2], {}, chunks[1].GetTimePoint(), chunks[2].GetSizeOnFile());
+    });
+    EXPECT_TRUE(Contains(wrongTime, "not the expected")) << wrongTime;
+
+    FlipByteAt(path, offsets[2] + chunks[2].GetSizeOnFile() - 1);  // the last payload byte
+    const std::string damaged = ErrorOf([&] {
+        reader.GetChunk(out, offsets[2], {}, chunks[2].GetTimePoint(), chunks[2].GetSizeOnFile());
+    });
+    EXPECT_TRUE(Contains(damaged, "checksum mismatch")) << damaged;
+}
+
 TEST_F(DataChunkFileReaderTest, OpensOnlyExistingFilesAndSeesAFileThatGetsItsFirstRecord) {
     const std::string missing = dir_ / "missing";
     EXPECT_EQ(ErrorOf([&] { DataChunkFileReader reader(missing); }),
