@@ -262,6 +262,7 @@ void LoopRecordingFileTrackWriter::OpenFirstFile(const FileSystem::Chunk& record
     for (const TimePoint& tp : appender_->GetTimePoints()) {
         if (auto handle = manager_.Lookup(tp)) {
             currentFileChunks_.push_back(handle->GetChunk());
+            currentFileChunks_.back().location.file.SetFromEmptyFile(false);  // chunk rows exist
         } else {
             MR_LOG(logger_, 40,
                    "T" << trackId_ << ": Chunk at " << tp
@@ -305,6 +306,15 @@ void LoopRecordingFileTrackWriter::WriteChunk(const Moreld::Plexa::DataChunk& da
         return;
     }
     currentFileChunks_.push_back(record);
+    if (currentFileChunks_.size() == 1) {
+        // The batch's first chunk tells the database what the file's rows
+        // were: an empty file's row, or chunk rows. A file continued from an
+        // earlier writer already has chunk rows, whatever flag the index
+        // kept from when its block was opened: they must be replaced, not
+        // added to.
+        currentFileChunks_.front().location.file.SetFromEmptyFile(
+            record.location.chunkIndex == 0 && record.location.file.IsFromEmptyFile());
+    }
     // Written, so evictable: readers find it in the file through the index.
     // Waiting for the whole file to be saved would let a file larger than the
     // cache fill it with unhandled chunks, and Append would wait forever.

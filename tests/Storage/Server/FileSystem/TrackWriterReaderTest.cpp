@@ -300,3 +300,26 @@ TEST(TrackWriterReader, AFinishedFileIsDurableBeforeTheDatabaseNamesItsChunks) {
     }
     EXPECT_EQ(saves, 4u);  // three finished files and the last one at close
 }
+
+TEST(TrackWriterReader, WritersTakingTurnsInOneRunSaveEachChunkOnce) {
+    TrackIo io(11, 3, 64 * 1024);
+    std::map<int64_t, size_t> written;
+    int64_t t = 0;
+    LogCapture log("LoopRecordingFileManager");
+    for (int turn = 0; turn < 4; ++turn) {
+        // Each writer stops inside a file that the next one continues.
+        LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+        writer.SetTrackDirectory(io.Root());
+        for (int i = 0; i < 5; ++i, t += kSecond) {
+            Protocol::Chunk chunk = MakeChunkMessage(t, kSecond, 3000);
+            writer.Append(chunk);
+            written[t] = 3000;
+        }
+    }
+    const size_t before = VerifyTrack(io, written);
+    io.Restart();
+    EXPECT_EQ(VerifyTrack(io, written), before);
+    EXPECT_EQ(before, 20u);
+    EXPECT_FALSE(log.Contains("is not indexed"));
+    EXPECT_FALSE(log.Contains("already indexed"));
+}
