@@ -27,15 +27,16 @@ test-tsan:
 	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600 -L concurrency
 
 release: deps
-	cmake -S . -B $(REL_DIR) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Release
+	cmake -S . -B $(REL_DIR) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Release -DLOOPSTORE_BUILD_HOST=ON
 	cmake --build $(REL_DIR) -j $(JOBS)
 
 bench: release
 	@for b in $$(find $(REL_DIR)/bench -type f -name "*_bench" -perm -u+x | sort); do echo "== $$b"; $$b --benchmark_min_time=0.2; done
 
-# The main job. Until the host program exists it builds everything and runs
-# the benchmarks, which exercise the storage end to end.
-run: bench
+# The main job: a self-checking demonstration of the whole storage (server,
+# tracks that loop, protection, read back, restart). See README.md.
+run: release
+	$(REL_DIR)/Host/Cli/loopstore demo
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i

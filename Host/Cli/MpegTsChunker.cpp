@@ -1,0 +1,139 @@
+#include "Host/Cli/MpegTsChunker.h"
+
+#include <algorithm>
+
+namespace loopstore::cli {
+
+namespace {
+
+constexpr int64_t kMaxPcrStepNs = 10'000'000'000;
+
+uint8_t Byte(std::string_view s, size_t i) {
+    return static_cast<uint8_t>(s[i]);
+}
+
+}  // namespace
+
+MpegTsChunker::MpegTsChunker(TimePoint targetDuration, uint64_t maxSize)
+    : targetDuration_(targetDuration),
+      // A chunk holds at least one packet and whole packets only.
+      maxSize_(std::max<uint64_t>(kPacketSize, maxSize - maxSize % kPacketSize)) {}
+
+bool MpegTsChunker::LooksLikeMpegTs(std::string_view head) {
+    if (head.size() < 2 * kPacketSize)
+        return false;
+    for (size_t at = 0; at < head.size(); at += kPacketSize)
+        if (head[at] != kSyncByte)
+            return false;
+    return true;
+}
+
+void MpegTsChunker::Feed(std::string_view bytes) {
+    pending_.append(bytes);
+    while (Resync(false)) {
+        if (pending_.size() - pendingStart_ < kPacketSize)
+            break;
+        TakePacket(std::string_view(pending_).substr(pendingStart_, kPacketSize));
+        pendingStart_ += kPacketSize;
+    }
+    pending_.erase(0, pendingStart_);
+    pendingStart_ = 0;
+}
+
+void MpegTsChunker::Finish() {
+    while (Resync(true) && pending_.size() - pendingStart_ >= kPacketSize) {
+        TakePacket(std::string_view(pending_).substr(pendingStart_, kPacketSize));
+        pendingStart_ += kPacketSize;
+    }
+    skipped_ += pending_.size() - pendingStart_;
+    pending_.clear();
+    pendingStart_ = 0;
+    if (!current_.empty())
+        Emit(targetDuration_);
+}
+
+bool MpegTsChunker::Resync(bool atEnd) {
+    const std::string_view rest = std::string_view(pending_).substr(pendingStart_);
+    if (rest.empty())
+        return false;
+    // In step, a packet only has to start with a sync byte. A lost packet
+    // boundary is found again where two sync bytes lie one packet apart (one
+    // 0x47 alone is common inside payloads); at the end of the stream one is
+    // enough.
+    for (size_t at = 0; at < rest.size(); ++at) {
+        if (rest[at] != kSyncByte)
+            continue;
+        const bool confirmed =
+            (at == 0 && inStep_) ||
+            (at + kPacketSize < rest.size() ? rest[at + kPacketSize] == kSyncByte : atEnd);
+        if (!confirmed && at + kPacketSize >= rest.size()) {
+            skipped_ += at;
+            pendingStart_ += at;
+            inStep_ = false;
+            return false;  // wait for more bytes to confirm
+        }
+        if (confirmed) {
+            skipped_ += at;
+            pendingStart_ += at;
+            inStep_ = true;
+            return true;
+        }
+    }
+    inStep_ = false;
+    // No sync byte can start a packet here.
+    skipped_ += rest.size();
+    pendingStart_ += rest.size();
+    return false;
+}
+
+void MpegTsChunker::TakePacket(std::string_view packet) {
+    if (const auto pcr = PacketPcr(packet))
+        OnPcr(*pcr);
+    current_.append(packet);
+    if (!pcrPid_ && current_.size() >= maxSize_)
+        Emit(targetDuration_);
+}
+
+std::optional<int64_t> MpegTsChunker::PacketPcr(std::string_view p) {
+    const bool hasAdaptation = (Byte(p, 3) & 0x20) != 0;
+    if (!hasAdaptation || Byte(p, 4) < 7 || (Byte(p, 5) & 0x10) == 0)
+        return std::nullopt;
+    const int pid = ((Byte(p, 1) & 0x1f) << 8) | Byte(p, 2);
+    if (pcrPid_ && *pcrPid_ != pid)
+        return std::nullopt;
+    pcrPid_ = pid;
+    const uint64_t base = (uint64_t{Byte(p, 6)} << 25) | (uint64_t{Byte(p, 7)} << 17) |
+                          (uint64_t{Byte(p, 8)} << 9) | (uint64_t{Byte(p, 9)} << 1) |
+                          (Byte(p, 10) >> 7);
+    const uint64_t extension = ((uint64_t{Byte(p, 10)} & 1) << 8) | Byte(p, 11);
+    // 27 MHz ticks to nanoseconds.
+    return static_cast<int64_t>((base * 300 + extension) * 1000 / 27);
+}
+
+void MpegTsChunker::OnPcr(int64_t pcrNs) {
+    if (!chunkStartPcr_) {
+        // Packets before the first PCR belong to the first chunk.
+        chunkStartPcr_ = pcrNs;
+        return;
+    }
+    const int64_t step = pcrNs - *chunkStartPcr_;
+    if (step < 0 || step > kMaxPcrStepNs) {
+        if (!current_.empty())
+            Emit(targetDuration_);
+        chunkStartPcr_ = pcrNs;
+        return;
+    }
+    const bool due =
+        TimePoint::FromNanoseconds(step) >= targetDuration_ || current_.size() >= maxSize_;
+    if (step > 0 && due && !current_.empty()) {
+        Emit(TimePoint::FromNanoseconds(step));
+        chunkStartPcr_ = pcrNs;
+    }
+}
+
+void MpegTsChunker::Emit(TimePoint duration) {
+    ready_.push_back(SourceChunk{std::move(current_), duration});
+    current_.clear();
+}
+
+}  // namespace loopstore::cli

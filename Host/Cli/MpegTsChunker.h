@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Host/Cli/IChunkSource.h"
+#include "Platform/Time/TimePoint.h"
+
+namespace loopstore::cli {
+
+// Cuts an MPEG transport stream into chunks made of whole 188-byte packets.
+//
+// Chunks are paced by the stream's program clock (PCR) when it has one: a
+// chunk ends at the first PCR packet that lies at least `targetDuration`
+// after the chunk's start (or once it holds `maxSize` bytes), and its
+// duration is the PCR difference, so that stored time follows media time.
+// Without a PCR, chunks are cut every `maxSize` bytes with the nominal
+// duration. A PCR that jumps back or more than 10 s ahead is a discontinuity:
+// the chunk before it gets the nominal duration.
+//
+// Bytes that are not on a packet boundary (a damaged or truncated stream) are
+// skipped until two sync bytes 188 bytes apart are found again, and counted.
+//
+// Push interface: Feed() any amount of bytes, then Finish(). Not thread-safe.
+class MpegTsChunker {
+  public:
+    using TimePoint = Moreld::Time::TimePoint;
+    static constexpr size_t kPacketSize = 188;
+    static constexpr char kSyncByte = 0x47;
+
+    MpegTsChunker(TimePoint targetDuration, uint64_t maxSize);
+
+    // True when `head` (the start of a stream) holds at least two packets and
+    // a sync byte at every packet boundary it covers.
+    static bool LooksLikeMpegTs(std::string_view head);
+
+    void Feed(std::string_view bytes);
+    // Flushes the last, partial chunk (nominal duration); a trailing partial
+    // packet is dropped and counted as skipped.
+    void Finish();
+
+    // Chunks ready to be taken, oldest first.
+    std::deque<SourceChunk>& Ready() { return ready_; }
+    uint64_t SkippedBytes() const { return skipped_; }
+
+  private:
+    // Aligns pending_ on a sync byte; false when more bytes are needed.
+    bool Resync(bool atEnd);
+    void TakePacket(std::string_view packet);
+    // The packet's PCR in nanoseconds when it carries one on the PCR stream.
+    std::optional<int64_t> PacketPcr(std::string_view packet);
+    void OnPcr(int64_t pcrNs);
+    void Emit(TimePoint duration);
+
+    const TimePoint targetDuration_;
+    const uint64_t maxSize_;
+    std::string pending_;  // bytes not yet cut into packets
+    size_t pendingStart_ = 0;
+    std::string current_;  // whole packets of the chunk being built
+    // False after bytes were skipped, until a boundary is confirmed.
+    bool inStep_ = true;
+    std::optional<int64_t> chunkStartPcr_;
+    std::optional<int> pcrPid_;
+    std::deque<SourceChunk> ready_;
+    uint64_t skipped_ = 0;
+};
+
+}  // namespace loopstore::cli

@@ -1,0 +1,103 @@
+#include "Host/Cli/ProtectionCommands.h"
+
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "Host/Cli/CliError.h"
+#include "Host/Cli/ClientOptions.h"
+#include "Host/Cli/Output.h"
+#include "Host/Cli/TimeParser.h"
+#include "Platform/Plexa/Converter.h"
+
+namespace loopstore::cli {
+
+using Moreld::Plexa::Converter;
+using Moreld::Time::TimePoint;
+using nlohmann::json;
+
+void ProtectionCommands::Register(CLI::App& app) {
+    AddProtect(app);
+    AddUnprotect(app);
+    AddList(app);
+}
+
+void ProtectionCommands::AddProtect(CLI::App& app) {
+    struct Args {
+        int64_t id = 0;
+        std::string from;
+        std::string to;
+    };
+    auto c = std::make_shared<ClientCommand<Args>>();
+    CLI::App* cmd = app.add_subcommand(
+        "protect", "Keep a time range of a track from being recycled; prints the protection id");
+    cmd->add_option("id", c->extra.id, "Track id")->required();
+    cmd->add_option("--from", c->extra.from, "Start (ISO-8601, now, -10m, +30s, 123ns)")
+        ->required();
+    cmd->add_option("--to", c->extra.to, "End, after the start (same forms)")->required();
+    c->client.AddTo(*cmd);
+    cmd->callback([c] {
+        const TimePoint now = TimePoint::Now();
+        const TimePoint from = TimeParser::ParseInstant(c->extra.from, now);
+        const TimePoint to = TimeParser::ParseInstant(c->extra.to, now);
+        if (to <= from)
+            throw CliError("bad time range: --to " + to.ToString() + " is not after --from " +
+                           from.ToString());
+        auto client = c->client.Connect();
+        client->RequireTrack(c->extra.id);
+        const int64_t protection = client->Protect(c->extra.id, from, to - from);
+        Output(c->client.json, std::cout)
+            .Print({{"protection_id", protection},
+                    {"track_id", c->extra.id},
+                    {"from", from.ToString()},
+                    {"to", to.ToString()}},
+                   "protection " + std::to_string(protection) + " on track " +
+                       std::to_string(c->extra.id) + ": " + from.ToString() + " .. " +
+                       to.ToString());
+    });
+}
+
+void ProtectionCommands::AddUnprotect(CLI::App& app) {
+    struct Args {
+        int64_t protection = 0;
+    };
+    auto c = std::make_shared<ClientCommand<Args>>();
+    CLI::App* cmd = app.add_subcommand("unprotect", "Remove a protection (by its id)");
+    cmd->add_option("protection_id", c->extra.protection, "Protection id (see 'protections')")
+        ->required();
+    c->client.AddTo(*cmd);
+    cmd->callback([c] {
+        c->client.Connect()->Unprotect(c->extra.protection);
+        Output(c->client.json, std::cout)
+            .Print({{"protection_id", c->extra.protection}, {"removed", true}},
+                   "removed protection " + std::to_string(c->extra.protection));
+    });
+}
+
+void ProtectionCommands::AddList(CLI::App& app) {
+    struct Args {};
+    auto c = std::make_shared<ClientCommand<Args>>();
+    CLI::App* cmd = app.add_subcommand("protections", "List every protection");
+    c->client.AddTo(*cmd);
+    cmd->callback([c] {
+        const Protocol::ProtectionInfos infos = c->client.Connect()->ListProtections();
+        json list = json::array();
+        std::ostringstream text;
+        if (infos.infos().empty())
+            text << "no protections\n";
+        for (const Protocol::ProtectionInfo& p : infos.infos()) {
+            const TimePoint start = Converter::From(p.start());
+            const TimePoint end = Converter::From(p.end());
+            list.push_back({{"protection_id", p.protection_id()},
+                            {"track_id", p.track_id()},
+                            {"from", start.ToString()},
+                            {"to", end.ToString()}});
+            text << "protection " << p.protection_id() << ": track " << p.track_id() << ", "
+                 << start << " .. " << end << '\n';
+        }
+        Output(c->client.json, std::cout).Print({{"protections", list}}, text.str());
+    });
+}
+
+}  // namespace loopstore::cli

@@ -1,0 +1,349 @@
+// Runs the built `loopstore` program against an in-process server on
+// loopback, as a user or a script would.
+
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Host/Server/LoopstoreServer.h"
+#include "tests/Support/TempDir.h"
+
+namespace loopstore::cli {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+    json Json() const { return json::parse(out); }
+};
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+bool HasProgram(const std::string& name) {
+    return std::system(("command -v " + name + " > /dev/null 2>&1").c_str()) == 0;
+}
+
+// One MPEG-TS packet with a PCR (ns) and a payload byte that numbers it.
+std::string TsPacket(int index, int64_t pcrNs) {
+    std::string p(188, static_cast<char>('a' + index % 26));
+    const uint64_t base = static_cast<uint64_t>(pcrNs) * 27 / 1000 / 300;
+    p[0] = 0x47, p[1] = 0x01, p[2] = 0x00, p[3] = 0x30, p[4] = 7, p[5] = 0x10;
+    p[6] = static_cast<char>(base >> 25), p[7] = static_cast<char>(base >> 17);
+    p[8] = static_cast<char>(base >> 9), p[9] = static_cast<char>(base >> 1);
+    p[10] = static_cast<char>(((base & 1) << 7) | 0x7e), p[11] = 0;
+    return p;
+}
+
+// A loopback port that was free a moment ago.
+int FreePort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof addr;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length);
+    ::close(fd);
+    return ntohs(addr.sin_port);
+}
+
+class LoopstoreCommandTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        data_ = dir_.Path() + "/data";
+        fs::create_directories(data_ + "/tracks");
+        fs::create_directories(data_ + "/db");
+        ASSERT_EQ(Run("pool init " + data_ + "/pool --files 16 --size 1M").status, 0);
+    }
+
+    void StartServer() {
+        host::ServerOptions options;
+        options.tracksDir = data_ + "/tracks";
+        options.dbDir = data_ + "/db";
+        options.poolDir = data_ + "/pool";
+        options.listenAddress = "127.0.0.1:0";
+        server_ = std::make_unique<host::LoopstoreServer>(options);
+        server_->Start();
+        address_ = "127.0.0.1:" + std::to_string(server_->Port());
+    }
+    void StopServer() { server_.reset(); }
+
+    // Runs `loopstore <args>`; stdin from `input` when given.
+    Result Run(const std::string& args, const std::string& input = "") {
+        const std::string errFile = dir_ / "stderr";
+        std::string command = std::string(LOOPSTORE_BINARY) + " " + args + " 2>" + errFile;
+        if (!input.empty())
+            command += " < " + input;
+        Result r;
+        FILE* pipe = ::popen(command.c_str(), "r");
+        char buffer[4096];
+        size_t n;
+        while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0)
+            r.out.append(buffer, n);
+        const int raw = ::pclose(pipe);
+        r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+        r.err = ReadFile(errFile);
+        return r;
+    }
+    // A server command with --server and --json.
+    Result Call(const std::string& args) { return Run(args + " --json --server " + address_); }
+    json Ok(const std::string& args) {
+        const Result r = Call(args);
+        EXPECT_EQ(r.status, 0) << args << ": " << r.err;
+        return r.status == 0 ? r.Json() : json();
+    }
+
+    test::TempDir dir_;
+    std::string data_;
+    std::string address_;
+    std::unique_ptr<host::LoopstoreServer> server_;
+};
+
+TEST_F(LoopstoreCommandTest, PoolInitMakesNumberedFilesOnceAndRejectsBadSizes) {
+    EXPECT_EQ(fs::file_size(data_ + "/pool/00000001"), 1u << 20);
+    EXPECT_TRUE(fs::exists(data_ + "/pool/00000016"));
+    EXPECT_FALSE(fs::exists(data_ + "/pool/00000017"));
+    const Result again = Run("pool init " + data_ + "/pool --files 2 --size 1M");
+    EXPECT_NE(again.status, 0);
+    EXPECT_NE(again.err.find("already holds pool files"), std::string::npos) << again.err;
+    const Result bad = Run("pool init " + dir_.Path() + "/other --files 2 --size 12Q");
+    EXPECT_NE(bad.status, 0);
+    EXPECT_NE(bad.err.find("bad size '12Q'"), std::string::npos) << bad.err;
+    EXPECT_EQ(Run("--help").status, 0);
+    EXPECT_NE(Run("track --help").out.find("create"), std::string::npos);
+}
+
+TEST_F(LoopstoreCommandTest, EveryServerCommandAnswersInJson) {
+    StartServer();
+    const int64_t id = Ok("track create --size 4M")["id"];
+    EXPECT_GT(id, 0);
+    const std::string t = std::to_string(id);
+    EXPECT_EQ(Ok("track list")["tracks"][0]["id"], id);
+    EXPECT_EQ(Ok("space")["remaining_bytes"], 12 << 20);
+    EXPECT_EQ(Ok("track grow " + t + " --by +1M")["track_size"], 5 << 20);
+    EXPECT_EQ(Ok("track grow " + t + " --by -1M")["track_size"], 4 << 20);
+
+    Ok("props set " + t + " camera=north fps=25");
+    EXPECT_EQ(Ok("props get " + t)["properties"], json({{"camera", "north"}, {"fps", "25"}}));
+    Ok("props rm " + t + " fps");
+    EXPECT_EQ(Ok("props get " + t)["properties"], json({{"camera", "north"}}));
+    Ok("props rm " + t + " --all");
+    EXPECT_TRUE(Ok("props get " + t)["properties"].empty());
+
+    const json rec = Ok("record --track " + t +
+                        " --synthetic --bitrate 8M --duration 2s --start 2030-01-01T00:00:00Z");
+    EXPECT_EQ(rec["chunks"], 50);
+    EXPECT_EQ(rec["bytes"], 50 * 40000);
+    const json info = Ok("track info " + t)["tracks"][0];
+    EXPECT_EQ(info["beginning"], "2030-01-01T00:00:00.000000000Z");
+    EXPECT_EQ(info["end"], "2030-01-01T00:00:02.000000000Z");
+    // A second recording continues at the track's end.
+    EXPECT_EQ(Ok("record --track " + t + " --synthetic --duration 1s")["from"],
+              "2030-01-01T00:00:02.000000000Z");
+
+    const int64_t protection =
+        Ok("protect " + t +
+           " --from 2030-01-01T00:00:00.5Z --to 2030-01-01T00:00:01Z")["protection_id"];
+    const json list = Ok("protections")["protections"];
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0]["track_id"], id);
+    EXPECT_EQ(list[0]["from"], "2030-01-01T00:00:00.500000000Z");
+    Ok("unprotect " + std::to_string(protection));
+    EXPECT_TRUE(Ok("protections")["protections"].empty());
+    EXPECT_TRUE(Ok("workers")["workers"].is_array());
+
+    Ok("track clear " + t);
+    const json cleared = Ok("track info " + t)["tracks"][0];
+    EXPECT_EQ(cleared["current_size"], 0);
+    EXPECT_EQ(cleared["beginning"], nullptr);
+    Ok("track delete " + t);
+    EXPECT_TRUE(Ok("track list")["tracks"].empty());
+    // People get text, not JSON.
+    EXPECT_EQ(Run("space --server " + address_).out.rfind("pool free space: ", 0), 0u);
+}
+
+TEST_F(LoopstoreCommandTest, BadInputAndMissingServerExitNonZeroWithAReason) {
+    StartServer();
+    const struct {
+        std::string args;
+        std::string message;
+    } cases[] = {
+        {"track info 999", "unknown track 999"},
+        {"props get 999", "unknown track 999"},
+        {"record --track 999 --synthetic --duration 1s", "unknown track 999"},
+        {"protect 1 --from yesterday --to now", "bad time 'yesterday'"},
+        {"protect 1 --from now --to -1m", "bad time range"},
+        {"track create --size 12Q", "bad size '12Q'"},
+        {"record --track 1 --synthetic --chunk-duration 0s", "bad duration '0s'"},
+        {"props set 1 novalue", "bad property 'novalue'"},
+    };
+    for (const auto& c : cases) {
+        const Result r = Run(c.args + " --server " + address_);
+        EXPECT_EQ(r.status, 1) << c.args;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << c.args << ": " << r.err;
+    }
+    const Result down = Run("track list --server 127.0.0.1:1");
+    EXPECT_EQ(down.status, 1);
+    EXPECT_NE(down.err.find("cannot reach the loopstore server at 127.0.0.1:1"), std::string::npos)
+        << down.err;
+    EXPECT_NE(Run("track frobnicate").status, 0);
+}
+
+TEST_F(LoopstoreCommandTest, MpegTsFromStdinIsCutOnPacketsAndExportedInOrder) {
+    StartServer();
+    const int64_t id = Ok("track create --size 4M")["id"];
+    // 10 s of stream, a PCR in every packet, 100 packets per second.
+    std::string stream;
+    for (int i = 0; i < 1000; ++i)
+        stream += TsPacket(i, 1'000'000'000 + i * 10'000'000LL);
+    const std::string input = dir_ / "in.ts";
+    std::ofstream(input, std::ios::binary) << stream;
+    const json rec = Run("record --track " + std::to_string(id) +
+                             " --input - --chunk-duration 100ms --start 2030-01-01T00:00:00Z"
+                             " --json --server " +
+                             address_,
+                         input)
+                         .Json();
+    EXPECT_EQ(rec["mpegts"], true);
+    EXPECT_EQ(rec["bytes"], stream.size());
+    EXPECT_EQ(rec["chunks"], 100);
+    EXPECT_EQ(rec["to"], "2030-01-01T00:00:10.000000000Z");
+    // Seconds 2 to 5: packets 200 to 499, whole chunks of 10 packets.
+    const std::string output = dir_ / "out.ts";
+    const json exp =
+        Ok("export --track " + std::to_string(id) +
+           " --from 2030-01-01T00:00:02Z --to 2030-01-01T00:00:05Z --output " + output);
+    EXPECT_EQ(exp["chunks"], 30);
+    EXPECT_EQ(ReadFile(output), stream.substr(200 * 188, 300 * 188));
+}
+
+TEST_F(LoopstoreCommandTest, FsckPassesOnAGoodStoreAndFindsACorruptRecord) {
+    StartServer();
+    const std::string t = std::to_string(static_cast<int64_t>(Ok("track create --size 3M")["id"]));
+    Ok("record --track " + t + " --synthetic --bitrate 8M --duration 3s");
+    StopServer();
+    const std::string dirs =
+        "--tracks " + data_ + "/tracks --db " + data_ + "/db --pool " + data_ + "/pool --json";
+    const Result clean = Run("fsck " + dirs);
+    ASSERT_EQ(clean.status, 0) << clean.out << clean.err;
+    EXPECT_EQ(clean.Json()["clean"], true);
+    EXPECT_EQ(clean.Json()["chunks"], 75);
+
+    // One byte inside the first record's payload of a track file.
+    std::string victim;
+    for (const auto& entry : fs::directory_iterator(data_ + "/tracks/" + t))
+        if (victim.empty() || entry.path().string() < victim)
+            victim = entry.path().string();
+    {
+        std::fstream f(victim, std::ios::in | std::ios::out | std::ios::binary);
+        f.seekg(16 + 100);
+        const char c = static_cast<char>(f.get() ^ 0x5a);
+        f.seekp(16 + 100);
+        f.put(c);
+    }
+    const Result bad = Run("fsck --data " + data_);
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_NE(bad.out.find("1 faults"), std::string::npos) << bad.out << bad.err;
+    EXPECT_NE(bad.out.find("track " + t + ": chunk at "), std::string::npos) << bad.out;
+}
+
+// serve on the default layout: makes its pool on first use, answers, and
+// stops cleanly on SIGTERM.
+TEST_F(LoopstoreCommandTest, ServeMakesItsLayoutAndStopsOnSigterm) {
+    const std::string data = dir_ / "served";
+    address_ = "127.0.0.1:" + std::to_string(FreePort());
+    std::vector<std::string> args = {LOOPSTORE_BINARY,   "serve",  "--data",       data,
+                                     "--listen",         address_, "--pool-files", "4",
+                                     "--pool-file-size", "1M"};
+    std::vector<char*> argv;
+    for (std::string& a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    ASSERT_EQ(::posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ), 0);
+    // The server needs a moment to open its store; ask until it answers.
+    Result space;
+    for (int attempt = 0; attempt < 300; ++attempt) {
+        space = Call("space");
+        if (space.status == 0)
+            break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_EQ(space.status, 0) << space.err;
+    if (space.status == 0) {
+        EXPECT_EQ(space.Json()["remaining_bytes"], 4 << 20);
+    }
+    EXPECT_TRUE(fs::exists(data + "/pool/00000004"));
+    ::kill(pid, SIGTERM);
+    int raw = 0;
+    ASSERT_EQ(::waitpid(pid, &raw, 0), pid);
+    EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 0) << raw;
+}
+
+TEST_F(LoopstoreCommandTest, DemoPasses) {
+    const Result r = Run("demo --json");
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    const json summary = r.Json();
+    EXPECT_EQ(summary["passed"], true);
+    EXPECT_GT(summary["loops"].get<double>(), 2.0);
+    EXPECT_GT(summary["chunks_verified"].get<int64_t>(), 0);
+}
+
+// A real encoder's stream survives record and export: ffprobe reads the
+// exported middle range as video of about the range's duration.
+TEST_F(LoopstoreCommandTest, FfmpegStreamRecordsAndExportsPlayably) {
+    if (!HasProgram("ffmpeg") || !HasProgram("ffprobe"))
+        GTEST_SKIP() << "ffmpeg and ffprobe are not installed";
+    const std::string input = dir_ / "test.ts";
+    ASSERT_EQ(
+        std::system(("ffmpeg -loglevel error -f lavfi -i testsrc=duration=10:size=320x240:rate=25"
+                     " -c:v libx264 -g 25 -f mpegts " +
+                     input)
+                        .c_str()),
+        0);
+    StartServer();
+    const std::string t = std::to_string(static_cast<int64_t>(Ok("track create --size 4M")["id"]));
+    Ok("record --track " + t + " --input " + input +
+       " --chunk-duration 200ms --start 2030-01-01T00:00:00Z");
+    const std::string output = dir_ / "middle.ts";
+    Ok("export --track " + t + " --from 2030-01-01T00:00:03Z --to 2030-01-01T00:00:07Z --output " +
+       output);
+    const std::string probe = dir_ / "probe.txt";
+    ASSERT_EQ(std::system(("ffprobe -v error -select_streams v:0 -show_entries "
+                           "stream=codec_type:format=duration -of default=nw=1 " +
+                           output + " > " + probe)
+                              .c_str()),
+              0);
+    const std::string text = ReadFile(probe);
+    EXPECT_NE(text.find("codec_type=video"), std::string::npos) << text;
+    const size_t at = text.find("duration=");
+    ASSERT_NE(at, std::string::npos) << text;
+    EXPECT_NEAR(std::stod(text.substr(at + 9)), 4.0, 0.2 + 0.2) << text;
+}
+
+}  // namespace
+}  // namespace loopstore::cli

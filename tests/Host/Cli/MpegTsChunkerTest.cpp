@@ -1,0 +1,130 @@
+#include "Host/Cli/MpegTsChunker.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace loopstore::cli {
+namespace {
+
+using Moreld::Time::TimePoint;
+constexpr size_t kPacket = MpegTsChunker::kPacketSize;
+
+// One transport packet of `pid`, its payload filled with `fill`; with a PCR
+// (in nanoseconds, a multiple of 1/27 µs is not needed: ticks round down)
+// carried in an adaptation field when given.
+std::string Packet(int pid, char fill, std::optional<int64_t> pcrNs = std::nullopt) {
+    std::string p(kPacket, fill);
+    p[0] = 0x47;
+    p[1] = static_cast<char>((pid >> 8) & 0x1f);
+    p[2] = static_cast<char>(pid & 0xff);
+    p[3] = pcrNs ? 0x30 : 0x10;
+    if (pcrNs) {
+        const uint64_t ticks = static_cast<uint64_t>(*pcrNs) * 27 / 1000;
+        const uint64_t base = ticks / 300, ext = ticks % 300;
+        p[4] = 7;
+        p[5] = 0x10;
+        p[6] = static_cast<char>(base >> 25);
+        p[7] = static_cast<char>(base >> 17);
+        p[8] = static_cast<char>(base >> 9);
+        p[9] = static_cast<char>(base >> 1);
+        p[10] = static_cast<char>(((base & 1) << 7) | 0x7e | (ext >> 8));
+        p[11] = static_cast<char>(ext & 0xff);
+    }
+    return p;
+}
+
+// Feeds `stream` in pieces of `step` bytes (packet boundaries fall anywhere).
+std::vector<SourceChunk> Cut(const std::string& stream, MpegTsChunker& chunker, size_t step) {
+    for (size_t at = 0; at < stream.size(); at += step)
+        chunker.Feed(std::string_view(stream).substr(at, step));
+    chunker.Finish();
+    std::vector<SourceChunk> out(chunker.Ready().begin(), chunker.Ready().end());
+    chunker.Ready().clear();
+    return out;
+}
+
+std::string Joined(const std::vector<SourceChunk>& chunks) {
+    std::string all;
+    for (const SourceChunk& c : chunks) {
+        EXPECT_EQ(c.payload.size() % kPacket, 0u);
+        EXPECT_EQ(c.payload[0], 0x47);
+        all += c.payload;
+    }
+    return all;
+}
+
+TEST(MpegTsChunkerTest, WithoutClockCutsWholePacketsBySize) {
+    std::string stream;
+    for (int i = 0; i < 50; ++i)
+        stream += Packet(0x100, static_cast<char>('a' + i % 26));
+    // 1000 bytes round down to 5 packets per chunk.
+    MpegTsChunker chunker(TimePoint::FromMilliseconds(40), 1000);
+    const auto chunks = Cut(stream, chunker, 7);
+    ASSERT_EQ(chunks.size(), 10u);
+    for (const SourceChunk& c : chunks) {
+        EXPECT_EQ(c.payload.size(), 5 * kPacket);
+        EXPECT_EQ(c.duration, TimePoint::FromMilliseconds(40));
+    }
+    EXPECT_EQ(Joined(chunks), stream);
+    EXPECT_EQ(chunker.SkippedBytes(), 0u);
+}
+
+TEST(MpegTsChunkerTest, ClockPacesChunksAndDiscontinuityFallsBackToNominal) {
+    // A PCR every 4 packets, 10 ms apart; the clock jumps back once.
+    std::string stream;
+    int64_t pcr = 5'000'000'000;
+    for (int i = 0; i < 80; ++i) {
+        if (i == 60)
+            pcr = 1'000'000'000;
+        const bool withPcr = i % 4 == 0;
+        stream += Packet(0x100, 'v', withPcr ? std::optional<int64_t>(pcr) : std::nullopt);
+        if (withPcr)
+            pcr += 10'000'000;
+    }
+    MpegTsChunker chunker(TimePoint::FromMilliseconds(40), 1 << 20);
+    const auto chunks = Cut(stream, chunker, 1000);
+    EXPECT_EQ(Joined(chunks), stream);
+    // Packets 0..59: chunks of 16 packets (40 ms) then the cut before the jump.
+    ASSERT_GE(chunks.size(), 5u);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(chunks[i].payload.size(), 16 * kPacket) << i;
+        EXPECT_NEAR(static_cast<double>(chunks[i].duration.ToNanoseconds()), 40e6, 1e3) << i;
+    }
+    EXPECT_EQ(chunks[3].payload.size(), 12 * kPacket);
+    EXPECT_EQ(chunks[3].duration, TimePoint::FromMilliseconds(40));
+}
+
+// Garbage between packets (stray sync bytes included) is skipped; the
+// packets around it are kept whole.
+TEST(MpegTsChunkerTest, ResyncsAfterGarbageAndDropsATruncatedPacket) {
+    std::string clean, damaged;
+    for (int i = 0; i < 20; ++i) {
+        const std::string p = Packet(0x100, static_cast<char>('a' + i));
+        clean += p;
+        damaged += p;
+        if (i == 5)
+            damaged += std::string("xx\x47garbage\x47", 11);  // stray sync bytes
+        if (i == 12)
+            damaged += std::string(300, 'x');
+    }
+    damaged += Packet(0x100, 'z').substr(0, 100);
+    MpegTsChunker chunker(TimePoint::FromMilliseconds(40), 4 * kPacket);
+    const auto chunks = Cut(damaged, chunker, 61);
+    EXPECT_EQ(Joined(chunks), clean);
+    EXPECT_EQ(chunker.SkippedBytes(), 11u + 300u + 100u);
+}
+
+TEST(MpegTsChunkerTest, DetectsTransportStreams) {
+    const std::string two = Packet(1, 'a') + Packet(1, 'b');
+    EXPECT_TRUE(MpegTsChunker::LooksLikeMpegTs(two));
+    EXPECT_TRUE(MpegTsChunker::LooksLikeMpegTs(two + "\x47partial"));
+    EXPECT_FALSE(MpegTsChunker::LooksLikeMpegTs(Packet(1, 'a')));
+    EXPECT_FALSE(MpegTsChunker::LooksLikeMpegTs(two + "x"));
+    EXPECT_FALSE(MpegTsChunker::LooksLikeMpegTs(std::string(400, 0x47 + 1)));
+}
+
+}  // namespace
+}  // namespace loopstore::cli
