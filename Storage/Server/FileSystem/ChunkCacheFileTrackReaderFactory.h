@@ -6,6 +6,7 @@
 #include "Storage/Indexes/File/DirectoryHandler.h"
 #include "Storage/Indexes/Ram/ChunkCacheManager.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
+#include "Storage/Server/FileSystem/WorkerFactory.h"
 #include "Storage/Server/Monitoring.h"
 
 // Creates the host's track readers, one per client request. Refers to the
@@ -22,9 +23,5 @@ class ChunkCacheFileTrackReaderFactory : public MoreldStorageApi::ITrackReaderFa
     MoreldStorageApi::ITrackReader* Create(const long& trackId) override;
 
   private:
-    LoopRecordingFileManagers& managers_;
-    ChunkCacheManager& caches_;
-    DirectoryHandler& directories_;
-    Monitoring* monitoring_;
-    std::string description_;
+    WorkerFactory factory_;
 };

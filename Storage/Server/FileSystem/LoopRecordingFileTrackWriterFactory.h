@@ -2,11 +2,11 @@
 
 #include <string>
 
-#include "Platform/Logging/Logger.h"
 #include "Platform/Services/ITrackWriterFactory.h"
 #include "Storage/Indexes/File/DirectoryHandler.h"
 #include "Storage/Indexes/Ram/ChunkCacheManager.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
+#include "Storage/Server/FileSystem/WorkerFactory.h"
 #include "Storage/Server/Monitoring.h"
 
 // Creates the host's track writers, one per client request. Refers to the
@@ -25,10 +25,5 @@ class LoopRecordingFileTrackWriterFactory : public MoreldStorageApi::ITrackWrite
     MoreldStorageApi::ITrackWriter* Create(const long& trackId) override;
 
   private:
-    LoopRecordingFileManagers& managers_;
-    ChunkCacheManager& caches_;
-    DirectoryHandler& directories_;
-    Monitoring* monitoring_;
-    std::string description_;
-    tav::mr::logging::Logger logger_;
+    WorkerFactory factory_;
 };

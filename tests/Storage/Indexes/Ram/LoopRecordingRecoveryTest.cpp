@@ -9,28 +9,13 @@
 #include "tests/Storage/Indexes/Ram/TrackFixture.h"
 
 using loopstore::test::ChunkWriter;
+using loopstore::test::ExpectChunksReadable;
 using loopstore::test::Sec;
 using loopstore::test::TrackFixture;
 using Moreld::Time::TimePoint;
 using tav::mr::logging::LogCapture;
 
 namespace {
-
-// Every chunk the index names reads back from its file with the expected
-// time point, size and content.
-void ExpectEveryChunkReadable(const LoopRecordingFileManager& m, const std::string& root) {
-    for (const auto& [key, block] : m.GetBlocks()) {
-        for (const auto& [tp, chunk] : block.GetChunks()) {
-            Moreld::File::DataChunkFileReader reader(
-                chunk.location.file.GetAbsoluteFileName(root, false));
-            Moreld::Plexa::DataChunk data;
-            ASSERT_NO_THROW(
-                reader.GetChunk(data, chunk.location.offset, {}, tp, chunk.location.size))
-                << chunk;
-            EXPECT_EQ(data, ChunkWriter::MakeChunk(tp, chunk.duration, chunk.location.size));
-        }
-    }
-}
 
 // Flips one byte of a file, as a torn or lost write would.
 void CorruptByte(const std::string& path, off_t offset) {
@@ -92,12 +77,12 @@ TEST(LoopRecordingRecovery, ReopeningRebuildsTheSameIndex) {
     // Counters are numbered again, so counts hold across the restart.
     EXPECT_EQ(m->GetNumberOfChunks(Sec(0), Sec(100)), 11u);  // chunks 9 to 19
     EXPECT_EQ(m->GetAccumulatedDuration(Sec(0), Sec(100)), Sec(11));
-    ExpectEveryChunkReadable(*m, track.Root());
+    ExpectChunksReadable(*m, track.Root());
 
     // A reopened track keeps recording where it stopped.
     WriteChunks(*m, track.Root(), 20, 5);
     EXPECT_EQ(m->GetEndOfTrack(), Sec(25));
-    ExpectEveryChunkReadable(*m, track.Root());
+    ExpectChunksReadable(*m, track.Root());
 }
 
 TEST(LoopRecordingRecovery, PowerFailureDropsNewestBlocksTheFilesDoNotHold) {
@@ -131,13 +116,13 @@ TEST(LoopRecordingRecovery, PowerFailureDropsNewestBlocksTheFilesDoNotHold) {
     EXPECT_EQ(m->GetEndOfTrack(), Sec(9));
     EXPECT_EQ(m->GetTrackSize(), 9 * 300u);
     EXPECT_FALSE(m->IsActive());
-    ExpectEveryChunkReadable(*m, track.Root());
+    ExpectChunksReadable(*m, track.Root());
 
     // The repair is in the database too, and the dropped files take new blocks.
     auto reopened = track.OpenManager();
     EXPECT_EQ(Summarize(*reopened).keys, Summarize(*m).keys);
     WriteChunks(*reopened, track.Root(), 9, 6);
-    ExpectEveryChunkReadable(*reopened, track.Root());
+    ExpectChunksReadable(*reopened, track.Root());
     EXPECT_EQ(reopened->GetBlocks().size(), 5u);
 }
 
@@ -165,10 +150,10 @@ TEST(LoopRecordingRecovery, ACrashWhileRewritingARecycledFileLeavesNoStaleChunks
     EXPECT_EQ(m->GetEmptyFiles().front(), track.Files()[0]);
     EXPECT_EQ(m->GetBeginningOfTrack(), Sec(3));
     EXPECT_EQ(m->Lookup(Sec(0)), nullptr);
-    ExpectEveryChunkReadable(*m, track.Root());
+    ExpectChunksReadable(*m, track.Root());
     // Recording goes on from the last saved chunk.
     WriteChunks(*m, track.Root(), 9, 4);
-    ExpectEveryChunkReadable(*m, track.Root());
+    ExpectChunksReadable(*m, track.Root());
 }
 
 TEST(LoopRecordingRecovery, FilesGivenBackDuringTheRunLeaveTheIndexAfterARestart) {
@@ -190,5 +175,5 @@ TEST(LoopRecordingRecovery, FilesGivenBackDuringTheRunLeaveTheIndexAfterARestart
     EXPECT_EQ(m->GetBlocks().begin()->first, Sec(6));
     EXPECT_TRUE(m->GetEmptyFiles().empty());
     EXPECT_EQ(m->GetMaxTrackSize(), 1000u);
-    ExpectEveryChunkReadable(*m, track.Root());
+    ExpectChunksReadable(*m, track.Root());
 }
