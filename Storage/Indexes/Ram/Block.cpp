@@ -166,6 +166,14 @@ bool Block::IsBetween(TimePoint a, TimePoint b) const {
     return a < GetTcOut();
 }
 
+void Block::Restamp(TimePoint& accumulated, unsigned long& sequence) {
+    for (auto& [tp, chunk] : chunks_) {
+        chunk.accumulatedDuration = accumulated;
+        chunk.sequenceNumber = sequence++;
+        accumulated += chunk.duration;
+    }
+}
+
 unsigned long Block::GetSizeOnRam() const {
     return kBlockRamSize + kChunkRamSize * chunks_.size() +
            kProtectionRamSize * protections_.size();

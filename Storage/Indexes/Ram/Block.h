@@ -76,6 +76,12 @@ class Block {
     // Estimated RAM footprint in bytes, by formula rather than a walk.
     unsigned long GetSizeOnRam() const;
 
+    // Gives the chunks, in order, the running counters that appending them
+    // one after the other would have given them: `accumulated` and
+    // `sequence` are the values for the first chunk and are advanced past the
+    // last. Used when an index is rebuilt from rows that do not store them.
+    void Restamp(TimePoint& accumulated, unsigned long& sequence);
+
     bool operator==(const Block& other) const;
     bool operator!=(const Block& other) const { return !(*this == other); }
 

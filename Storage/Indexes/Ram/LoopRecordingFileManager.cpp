@@ -25,19 +25,6 @@ std::string Concat(const Parts&... parts) {
     return os.str();
 }
 
-// Gives the chunks of `block` the running counters that appending them in
-// order would have given them.
-void RestampBlock(FileSystem::Block& block, TimePoint& accumulated, long& sequence) {
-    FileSystem::Block fresh(block.GetConfiguration());
-    for (auto [tp, chunk] : block.GetChunks()) {
-        chunk.accumulatedDuration = accumulated;
-        chunk.sequenceNumber = static_cast<unsigned long>(sequence++);
-        accumulated += chunk.duration;
-        fresh.Append(chunk);
-    }
-    block = fresh;  // keeps the block's protection ids
-}
-
 }  // namespace
 
 LoopRecordingFileManager::LoopRecordingFileManager(long trackId)
@@ -289,7 +276,7 @@ void LoopRecordingFileManager::LogProgress(const FileSystem::Block& last) {
                << ", last written file: " << last.GetChunkFile().GetFileName());
 }
 
-bool LoopRecordingFileManager::IndexBlock(const FileSystem::Block& block) {
+bool LoopRecordingFileManager::IndexBlock(FileSystem::Block block) {
     if (block.GetTcOut() > endOfTrack_.load())
         endOfTrack_ = block.GetTcOut();
     if (blocks_.count(block.GetTcIn()) != 0) {
@@ -298,11 +285,13 @@ bool LoopRecordingFileManager::IndexBlock(const FileSystem::Block& block) {
                    << " is already indexed, we don't index it twice.");
         return false;
     }
-    blocks_.emplace(block.GetTcIn(), block);
+    const TimePoint key = block.GetTcIn();
+    const bool recyclable = block.GetProtections().empty();
     trackSize_ += block.GetCurrentSize() - kFileHeaderSize;
     maxTrackSize_ += static_cast<unsigned long>(block.GetChunkFile().Size());
-    if (block.GetProtections().empty())
-        recyclableKeys_.insert(block.GetTcIn());
+    blocks_.emplace(key, std::move(block));
+    if (recyclable)
+        recyclableKeys_.insert(key);
     return true;
 }
 
@@ -806,7 +795,7 @@ void LoopRecordingFileManager::LoadBlocks(unsigned long& chunkCount) {
     for (const FileSystem::Chunk& chunk : chunks) {
         if (block.Empty() || block.GetChunkFile() != chunk.location.file) {
             if (!block.Empty())
-                IndexBlock(block);
+                IndexBlock(std::move(block));
             block.Reset(
                 BlockConfiguration(static_cast<unsigned long>(chunk.location.file.Size()), 0));
         }
@@ -819,7 +808,7 @@ void LoopRecordingFileManager::LoadBlocks(unsigned long& chunkCount) {
         }
     }
     if (!block.Empty())
-        IndexBlock(block);
+        IndexBlock(std::move(block));
 }
 
 void LoopRecordingFileManager::OpenDatabase(const std::string& directory) {
@@ -838,11 +827,11 @@ void LoopRecordingFileManager::OpenDatabase(const std::string& directory) {
     // number the chunks again in time order, so that counts and durations
     // between two instants hold across a restart.
     TimePoint accumulated;
-    long sequence = 0;
+    unsigned long sequence = 0;
     for (auto& [key, block] : blocks_)
-        RestampBlock(block, accumulated, sequence);
+        block.Restamp(accumulated, sequence);
     accumulatedDuration_ = accumulated;
-    chunkCounter_ = sequence;
+    chunkCounter_ = static_cast<long>(sequence);
     if (chunkCount == 0) {
         MR_LOG(logger_, 30,
                "T" << trackId_ << ": " << emptyFiles_.size() << " empty files. Track is empty");

@@ -63,8 +63,9 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
                                        unsigned long size);
     FileSystem::Chunk AppendInBlock(FileSystem::Block& block, const TimePoint& tp,
                                     const TimePoint& duration, unsigned long size);
-    // Adds a block read back from the database. The caller holds what it needs.
-    bool IndexBlock(const FileSystem::Block& block);
+    // Adds a block read back from the database (taken by value: a caller that
+    // is done with its block moves it in). The caller holds what it needs.
+    bool IndexBlock(FileSystem::Block block);
     void AdaptBeginningOfTrack();
 
     // --- Lookup and navigation (any thread) ---
