@@ -273,6 +273,87 @@ TEST_F(LoopstoreCommandTest, FsckPassesOnAGoodStoreAndFindsACorruptRecord) {
 
 // serve on the default layout: makes its pool on first use, answers, and
 // stops cleanly on SIGTERM.
+// Starts `loopstore <args>` as its own process.
+pid_t Spawn(std::vector<std::string> args) {
+    args.insert(args.begin(), LOOPSTORE_BINARY);
+    std::vector<char*> argv;
+    for (std::string& a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    if (::posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
+        return -1;
+    return pid;
+}
+
+// Ends a process with `signal` and returns its raw wait status.
+int Reap(pid_t pid, int signal) {
+    ::kill(pid, signal);
+    int raw = 0;
+    ::waitpid(pid, &raw, 0);
+    return raw;
+}
+
+TEST_F(LoopstoreCommandTest, AServerKilledWhileRecordingComesBackClean) {
+    const std::string data = dir_ / "crash";
+    address_ = "127.0.0.1:" + std::to_string(FreePort());
+    const std::vector<std::string> serve = {"serve",    "--data",           data,
+                                            "--listen", address_,           "--pool-files",
+                                            "8",        "--pool-file-size", "1M"};
+    auto waitUntilAnswering = [&] {
+        for (int attempt = 0; attempt < 300; ++attempt) {
+            if (Call("space").status == 0)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        return false;
+    };
+    pid_t server = Spawn(serve);
+    pid_t recorder = -1;
+    // Whatever happens, no process outlives the test.
+    struct Reaper {
+        pid_t& a;
+        pid_t& b;
+        ~Reaper() {
+            for (pid_t pid : {a, b})
+                if (pid > 0 && ::kill(pid, 0) == 0)
+                    Reap(pid, SIGKILL);
+        }
+    } reaper{server, recorder};
+    ASSERT_GT(server, 0);
+    ASSERT_TRUE(waitUntilAnswering());
+    ASSERT_EQ(Call("track create --size 4M").status, 0);
+    recorder = Spawn({"record", "--track", "1", "--synthetic", "--bitrate", "40M", "--duration",
+                      "600s", "--server", address_});
+    ASSERT_GT(recorder, 0);
+    // Kill the server while chunks are coming in.
+    bool recording = false;
+    for (int attempt = 0; attempt < 100 && !recording; ++attempt) {
+        const Result info = Call("track info 1");
+        recording = info.status == 0 && info.Json()["tracks"][0]["current_size"] > 0;
+        if (!recording)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_TRUE(recording);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_TRUE(WIFSIGNALED(Reap(server, SIGKILL)));
+    Reap(recorder, SIGKILL);
+    recorder = -1;
+
+    // After a start (which repairs the track) and a clean stop, the store checks clean.
+    server = Spawn(serve);
+    ASSERT_TRUE(waitUntilAnswering());
+    const Result exported =
+        Call("export --track 1 --from -24h --to +24h --output " + (dir_ / "out"));
+    EXPECT_EQ(exported.status, 0) << exported.err;
+    EXPECT_GT(fs::file_size(dir_ / "out"), 0u);
+    const int stopped = Reap(server, SIGTERM);
+    server = -1;
+    EXPECT_TRUE(WIFEXITED(stopped) && WEXITSTATUS(stopped) == 0) << stopped;
+    const Result fsck = Run("fsck --data " + data);
+    EXPECT_EQ(fsck.status, 0) << fsck.out << fsck.err;
+}
+
 TEST_F(LoopstoreCommandTest, ServeMakesItsLayoutAndStopsOnSigterm) {
     const std::string data = dir_ / "served";
     address_ = "127.0.0.1:" + std::to_string(FreePort());
