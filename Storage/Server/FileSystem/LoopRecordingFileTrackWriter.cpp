@@ -201,12 +201,29 @@ std::string LoopRecordingFileTrackWriter::FileNameOf(const FileSystem::Chunk& re
     return record.location.file.GetAbsoluteFileName(trackDirectory_, false);
 }
 
+std::vector<FileSystem::Chunk> LoopRecordingFileTrackWriter::StillIndexed(
+    const std::vector<FileSystem::Chunk>& chunks) {
+    // The service may clear or shrink the track while it is written: a block
+    // it took away must not come back through the database. Blocks go whole,
+    // so the file's chunks are all still indexed, or none is.
+    if (chunks.empty())
+        return chunks;
+    const FileSystem::Chunk& first = chunks.front();
+    auto handle = manager_.Lookup(first.timepoint);
+    if (handle && handle->GetChunk().location == first.location)
+        return chunks;
+    MR_LOG(logger_, 40,
+           "T" << trackId_ << ": the chunks of " << first.location.file
+               << " left the index while written; they are not saved");
+    return {};
+}
+
 void LoopRecordingFileTrackWriter::SaveCurrentFile() {
     // The finished file is durable before the database says its chunks exist.
     if (saveOnFile_ && !appender_->GetNoFlush())
         appender_->Sync();
     LOOPSTORE_SYNC_POINT("LoopRecordingFileTrackWriter::SaveCurrentFile:Saving");
-    manager_.SaveAndRemove(currentFileChunks_);
+    manager_.SaveAndRemove(StillIndexed(currentFileChunks_));
     LOOPSTORE_SYNC_POINT("LoopRecordingFileTrackWriter::SaveCurrentFile:Saved");
 }
 
