@@ -3,9 +3,9 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "Platform/File/DataChunkFileAppender.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Tools/SyncPoint.h"
+#include "Storage/Indexes/Ram/TrackIndexRecovery.h"
 
 using Moreld::Time::TimePoint;
 
@@ -769,162 +769,14 @@ void LoopRecordingFileManager::UnregisterProtectionObserver(IProtectionObserver*
 }
 
 // ---------------------------------------------------------------------------
-// Persistence and recovery. OpenDatabase and HandlePowerFailure run before
-// the track is used; they take the locks anyway so the contract stays simple.
-
-void LoopRecordingFileManager::LoadEmptyFiles() {
-    std::vector<ChunkFile> empties;
-    {
-        std::lock_guard<std::mutex> db(dbMutex_);
-        empties = trackDb_.GetAllEmptyFiles();
-    }
-    for (const ChunkFile& file : empties) {
-        emptyFiles_.push_back(file);
-        maxTrackSize_ += static_cast<unsigned long>(file.Size());
-    }
-}
-
-void LoopRecordingFileManager::LoadBlocks(unsigned long& chunkCount) {
-    std::vector<FileSystem::Chunk> chunks;
-    {
-        std::lock_guard<std::mutex> db(dbMutex_);
-        chunks = trackDb_.GetAllChunks();
-    }
-    // Rows of one file are consecutive: they are written in one batch per file.
-    FileSystem::Block block(BlockConfiguration(0, 1));
-    for (const FileSystem::Chunk& chunk : chunks) {
-        if (block.Empty() || block.GetChunkFile() != chunk.location.file) {
-            if (!block.Empty())
-                IndexBlock(std::move(block));
-            block.Reset(
-                BlockConfiguration(static_cast<unsigned long>(chunk.location.file.Size()), 0));
-        }
-        if (block.Append(chunk)) {
-            ++chunkCount;
-        } else {
-            MR_LOG(logger_, 40,
-                   "T" << trackId_ << ": Chunk " << chunk
-                       << " does not fit its block and is not indexed");
-        }
-    }
-    if (!block.Empty())
-        IndexBlock(std::move(block));
-}
+// Persistence and recovery: TrackIndexRecovery does the work.
 
 void LoopRecordingFileManager::OpenDatabase(const std::string& directory) {
-    {
-        std::lock_guard<std::mutex> db(dbMutex_);
-        if (!trackDb_.Open(directory, trackId_)) {
-            throw std::runtime_error(Concat("Could not open DB on track ", trackId_));
-        }
-    }
-    UniqueLock files(filesMutex_);
-    UniqueLock index(indexMutex_);
-    LoadEmptyFiles();
-    unsigned long chunkCount = 0;
-    LoadBlocks(chunkCount);
-    // The database keeps neither sequence numbers nor accumulated durations:
-    // number the chunks again in time order, so that counts and durations
-    // between two instants hold across a restart.
-    TimePoint accumulated;
-    unsigned long sequence = 0;
-    for (auto& [key, block] : blocks_)
-        block.Restamp(accumulated, sequence);
-    accumulatedDuration_ = accumulated;
-    chunkCounter_ = static_cast<long>(sequence);
-    if (chunkCount == 0) {
-        MR_LOG(logger_, 30,
-               "T" << trackId_ << ": " << emptyFiles_.size() << " empty files. Track is empty");
-        std::lock_guard<std::mutex> db(dbMutex_);
-        trackDb_.SetActiveMode(false);
-    } else {
-        MR_LOG(logger_, 30,
-               "T" << trackId_ << ": " << emptyFiles_.size() << " empty files and " << chunkCount
-                   << " chunks in " << blocks_.size() << " files from "
-                   << blocks_.begin()->second.GetTcIn() << " to "
-                   << blocks_.rbegin()->second.GetTcOut() << ". Max track size is "
-                   << maxTrackSize_.load() / 1000000 << "MB.");
-    }
-    AdaptBeginningOfTrack();
-}
-
-bool LoopRecordingFileManager::FileMatchesBlock(const std::string& root,
-                                                const FileSystem::Block& block) {
-    const ChunkFile file = block.GetChunkFile();
-    const std::string name = file.GetAbsoluteFileName(root, false);
-    MR_LOG(logger_, 30, "T" << trackId_ << ": scanning file " << name << " ...");
-    std::set<TimePoint> present;
-    try {
-        Moreld::File::DataChunkFileAppender appender(name, true,
-                                                     static_cast<uint64_t>(file.Size()));
-        appender.SetNoFlush(true);  // nothing is written: no need to sync
-        present = appender.GetTimePoints();
-    } catch (const std::exception& e) {
-        // An unreadable file holds nothing we can serve.
-        MR_LOG(logger_, 50, "T" << trackId_ << ": could not read " << name << ": " << e.what());
-    }
-    // Equal counts are not enough: a file rewritten since the database saw it
-    // may hold as many records, but not these ones.
-    std::vector<TimePoint> missing;
-    for (const auto& [tp, chunk] : block.GetChunks()) {
-        if (present.count(tp) == 0)
-            missing.push_back(tp);
-    }
-    if (block.GetChunkNumber() == present.size() && missing.empty()) {
-        MR_LOG(logger_, 30,
-               "T" << trackId_ << ": File " << file
-                   << " matches the DB: end of track is in a valid state");
-        return true;
-    }
-    MR_LOG(logger_, 30,
-           "T" << trackId_ << ": Block at " << block.GetTcIn() << " has " << block.GetChunkNumber()
-               << " chunks while its file " << file << " has " << present.size() << " chunks");
-    for (const TimePoint& tp : missing) {
-        MR_LOG(logger_, 30,
-               "T" << trackId_ << ": Chunk at " << tp << " is not present in file " << file);
-    }
-    return false;
-}
-
-void LoopRecordingFileManager::DropNewestBlock(const FileSystem::Block& block) {
-    ChunkFile file = block.GetChunkFile();
-    file.SetFromEmptyFile(true);
-    MR_LOG(logger_, 30, "T" << trackId_ << ": File " << file << " is put back as empty file");
-    emptyFiles_.push_back(file);
-    {
-        std::lock_guard<std::mutex> db(dbMutex_);
-        trackDb_.RemoveAndAddAsEmptyFile(file);
-    }
-    const TimePoint key = block.GetTcIn();
-    trackSize_ = trackSize_.load() + kFileHeaderSize - block.GetCurrentSize();
-    recyclableKeys_.erase(key);
-    blocks_.erase(key);
+    TrackIndexRecovery(*this).OpenDatabase(directory);
 }
 
 void LoopRecordingFileManager::HandlePowerFailure(const std::string& root) {
-    MR_LOG(logger_, 30, "T" << trackId_ << ": Power failure detected");
-    UniqueLock files(filesMutex_);
-    UniqueLock index(indexMutex_);
-    // Blocks are dropped whole, never trimmed, newest first, until one matches.
-    while (!blocks_.empty()) {
-        const FileSystem::Block newest = blocks_.rbegin()->second;
-        if (FileMatchesBlock(root, newest))
-            break;
-        DropNewestBlock(newest);
-    }
-    if (!blocks_.empty()) {
-        const FileSystem::Block& newest = blocks_.rbegin()->second;
-        endOfTrack_ = newest.GetTcOut();
-        accumulatedDuration_ = newest.GetLastChunk().accumulatedDuration;
-    }
-    AdaptBeginningOfTrack();
-    MR_LOG(logger_, 30, "T" << trackId_ << ": Power failure recovery over");
-    MR_LOG(logger_, 30,
-           "T" << trackId_ << ": " << emptyFiles_.size() << " empty files and " << blocks_.size()
-               << " blocks. Track goes now from " << beginningOfTrack_.load() << " to "
-               << endOfTrack_.load());
-    std::lock_guard<std::mutex> db(dbMutex_);
-    trackDb_.SetActiveMode(false);
+    TrackIndexRecovery(*this).HandlePowerFailure(root);
 }
 
 void LoopRecordingFileManager::SaveAndRemove(const std::vector<FileSystem::Chunk>& chunks) {

@@ -127,6 +127,8 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     std::map<unsigned long, std::set<TimePoint>> GetProtections() const;
 
   private:
+    friend class TrackIndexRecovery;
+
     // The file a new block goes to, and where it came from.
     struct FileChoice {
         ChunkFile file;
@@ -150,10 +152,6 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     std::vector<ChunkFile> RemoveEmptyFilesUpTo(unsigned long size, unsigned long& taken);
     std::vector<ChunkFile> RemoveBlocksUpTo(unsigned long size, unsigned long& taken);
     std::vector<ChunkFile> ProtectBlocks(long id, const TimePoint& in, const TimePoint& out);
-    bool FileMatchesBlock(const std::string& root, const FileSystem::Block& block);
-    void DropNewestBlock(const FileSystem::Block& block);
-    void LoadEmptyFiles();
-    void LoadBlocks(unsigned long& chunkCount);
     bool RemoveFromEmptyFiles(const ChunkFile& file);
     bool RemoveBlockOfFile(const ChunkFile& file);
 

@@ -1,0 +1,185 @@
+#include "Storage/Indexes/Ram/TrackIndexRecovery.h"
+
+#include <mutex>
+#include <shared_mutex>
+#include <sstream>
+#include <stdexcept>
+
+#include "Platform/File/DataChunkFileAppender.h"
+#include "Platform/Logging/LoggingManager.h"
+#include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
+
+using Moreld::Time::TimePoint;
+
+namespace {
+
+using UniqueLock = std::unique_lock<std::shared_mutex>;
+
+// Every chunk file starts with a header of this size.
+constexpr unsigned long kFileHeaderSize = 16;
+
+template <typename... Parts>
+std::string Concat(const Parts&... parts) {
+    std::ostringstream os;
+    (os << ... << parts);
+    return os.str();
+}
+
+}  // namespace
+
+void TrackIndexRecovery::LoadEmptyFiles() {
+    std::vector<ChunkFile> empties;
+    {
+        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        empties = m_.trackDb_.GetAllEmptyFiles();
+    }
+    for (const ChunkFile& file : empties) {
+        m_.emptyFiles_.push_back(file);
+        m_.maxTrackSize_ += static_cast<unsigned long>(file.Size());
+    }
+}
+
+void TrackIndexRecovery::LoadBlocks(unsigned long& chunkCount) {
+    std::vector<FileSystem::Chunk> chunks;
+    {
+        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        chunks = m_.trackDb_.GetAllChunks();
+    }
+    // Rows of one file are consecutive: they are written in one batch per file.
+    FileSystem::Block block(BlockConfiguration(0, 1));
+    for (const FileSystem::Chunk& chunk : chunks) {
+        if (block.Empty() || block.GetChunkFile() != chunk.location.file) {
+            if (!block.Empty())
+                m_.IndexBlock(std::move(block));
+            block.Reset(
+                BlockConfiguration(static_cast<unsigned long>(chunk.location.file.Size()), 0));
+        }
+        if (block.Append(chunk)) {
+            ++chunkCount;
+        } else {
+            MR_LOG(m_.logger_, 40,
+                   "T" << m_.trackId_ << ": Chunk " << chunk
+                       << " does not fit its block and is not indexed");
+        }
+    }
+    if (!block.Empty())
+        m_.IndexBlock(std::move(block));
+}
+
+void TrackIndexRecovery::OpenDatabase(const std::string& directory) {
+    {
+        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        if (!m_.trackDb_.Open(directory, m_.trackId_)) {
+            throw std::runtime_error(Concat("Could not open DB on track ", m_.trackId_));
+        }
+    }
+    UniqueLock files(m_.filesMutex_);
+    UniqueLock index(m_.indexMutex_);
+    LoadEmptyFiles();
+    unsigned long chunkCount = 0;
+    LoadBlocks(chunkCount);
+    // The database keeps neither sequence numbers nor accumulated durations:
+    // number the chunks again in time order, so that counts and durations
+    // between two instants hold across a restart.
+    TimePoint accumulated;
+    unsigned long sequence = 0;
+    for (auto& [key, block] : m_.blocks_)
+        block.Restamp(accumulated, sequence);
+    m_.accumulatedDuration_ = accumulated;
+    m_.chunkCounter_ = static_cast<long>(sequence);
+    if (chunkCount == 0) {
+        MR_LOG(
+            m_.logger_, 30,
+            "T" << m_.trackId_ << ": " << m_.emptyFiles_.size() << " empty files. Track is empty");
+        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        m_.trackDb_.SetActiveMode(false);
+    } else {
+        MR_LOG(m_.logger_, 30,
+               "T" << m_.trackId_ << ": " << m_.emptyFiles_.size() << " empty files and "
+                   << chunkCount << " chunks in " << m_.blocks_.size() << " files from "
+                   << m_.blocks_.begin()->second.GetTcIn() << " to "
+                   << m_.blocks_.rbegin()->second.GetTcOut() << ". Max track size is "
+                   << m_.maxTrackSize_.load() / 1000000 << "MB.");
+    }
+    m_.AdaptBeginningOfTrack();
+}
+
+bool TrackIndexRecovery::FileMatchesBlock(const std::string& root, const FileSystem::Block& block) {
+    const ChunkFile file = block.GetChunkFile();
+    const std::string name = file.GetAbsoluteFileName(root, false);
+    MR_LOG(m_.logger_, 30, "T" << m_.trackId_ << ": scanning file " << name << " ...");
+    std::set<TimePoint> present;
+    try {
+        Moreld::File::DataChunkFileAppender appender(name, true,
+                                                     static_cast<uint64_t>(file.Size()));
+        appender.SetNoFlush(true);  // nothing is written: no need to sync
+        present = appender.GetTimePoints();
+    } catch (const std::exception& e) {
+        // An unreadable file holds nothing we can serve.
+        MR_LOG(m_.logger_, 50,
+               "T" << m_.trackId_ << ": could not read " << name << ": " << e.what());
+    }
+    // Equal counts are not enough: a file rewritten since the database saw it
+    // may hold as many records, but not these ones.
+    std::vector<TimePoint> missing;
+    for (const auto& [tp, chunk] : block.GetChunks()) {
+        if (present.count(tp) == 0)
+            missing.push_back(tp);
+    }
+    if (block.GetChunkNumber() == present.size() && missing.empty()) {
+        MR_LOG(m_.logger_, 30,
+               "T" << m_.trackId_ << ": File " << file
+                   << " matches the DB: end of track is in a valid state");
+        return true;
+    }
+    MR_LOG(m_.logger_, 30,
+           "T" << m_.trackId_ << ": Block at " << block.GetTcIn() << " has "
+               << block.GetChunkNumber() << " chunks while its file " << file << " has "
+               << present.size() << " chunks");
+    for (const TimePoint& tp : missing) {
+        MR_LOG(m_.logger_, 30,
+               "T" << m_.trackId_ << ": Chunk at " << tp << " is not present in file " << file);
+    }
+    return false;
+}
+
+void TrackIndexRecovery::DropNewestBlock(const FileSystem::Block& block) {
+    ChunkFile file = block.GetChunkFile();
+    file.SetFromEmptyFile(true);
+    MR_LOG(m_.logger_, 30, "T" << m_.trackId_ << ": File " << file << " is put back as empty file");
+    m_.emptyFiles_.push_back(file);
+    {
+        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        m_.trackDb_.RemoveAndAddAsEmptyFile(file);
+    }
+    const TimePoint key = block.GetTcIn();
+    m_.trackSize_ = m_.trackSize_.load() + kFileHeaderSize - block.GetCurrentSize();
+    m_.recyclableKeys_.erase(key);
+    m_.blocks_.erase(key);
+}
+
+void TrackIndexRecovery::HandlePowerFailure(const std::string& root) {
+    MR_LOG(m_.logger_, 30, "T" << m_.trackId_ << ": Power failure detected");
+    UniqueLock files(m_.filesMutex_);
+    UniqueLock index(m_.indexMutex_);
+    // Blocks are dropped whole, never trimmed, newest first, until one matches.
+    while (!m_.blocks_.empty()) {
+        const FileSystem::Block newest = m_.blocks_.rbegin()->second;
+        if (FileMatchesBlock(root, newest))
+            break;
+        DropNewestBlock(newest);
+    }
+    if (!m_.blocks_.empty()) {
+        const FileSystem::Block& newest = m_.blocks_.rbegin()->second;
+        m_.endOfTrack_ = newest.GetTcOut();
+        m_.accumulatedDuration_ = newest.GetLastChunk().accumulatedDuration;
+    }
+    m_.AdaptBeginningOfTrack();
+    MR_LOG(m_.logger_, 30, "T" << m_.trackId_ << ": Power failure recovery over");
+    MR_LOG(m_.logger_, 30,
+           "T" << m_.trackId_ << ": " << m_.emptyFiles_.size() << " empty files and "
+               << m_.blocks_.size() << " blocks. Track goes now from "
+               << m_.beginningOfTrack_.load() << " to " << m_.endOfTrack_.load());
+    std::lock_guard<std::mutex> db(m_.dbMutex_);
+    m_.trackDb_.SetActiveMode(false);
+}
