@@ -1,18 +1,9 @@
 #include "Storage/Indexes/SQLite/ProtectionDB.h"
 
-#include <boost/filesystem.hpp>
-#include <stdexcept>
 
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/SQLite/Statement.h"
-
-namespace {
-
-const char kPragmas[] =
-    "PRAGMA JOURNAL_MODE=WAL;PRAGMA SYNCHRONOUS=NORMAL;PRAGMA JOURNAL_MODE=WAL;"
-    "PRAGMA LOCKING_MODE=NORMAL;PRAGMA page_size=4096;PRAGMA WAL_AUTOCHECKPOINT=4000;";
-
-}  // namespace
+#include "Storage/Indexes/SQLite/OpenServiceDatabase.h"
 
 ProtectionDB::ProtectionDB()
     : logger_(tav::mr::logging::LoggingManager::GetLogger("ProtectionDB")) {}
@@ -22,24 +13,15 @@ ProtectionDB::~ProtectionDB() {
 }
 
 void ProtectionDB::Open(const std::string& dbDirectory) {
-    const std::string path = (boost::filesystem::path(dbDirectory) / "protections.db").string();
-    if (!db_.Open(path)) {
-        const std::string message = "Could not open database file " + path;
-        MR_LOG(logger_, 50, message);
-        throw std::runtime_error(message);
-    }
-    if (!db_.TableExist(table_)) {
-        MR_LOG(logger_, 20, "Creating table \"" << table_ << "\" on database " << path);
-        db_.Execute("CREATE TABLE " + table_ +
-                        "(trackId INTEGER, protectionId INTEGER, timepointIn INTEGER, "
-                        "timepointOut INTEGER)",
-                    false);
-    }
-    // Also run on existing files: the index is what refuses a second row
-    // for one protection id.
-    db_.Execute("CREATE UNIQUE INDEX IF NOT EXISTS protectionIndex ON " + table_ + "(protectionId)",
-                false);
-    db_.Execute(kPragmas, false);
+    // The unique index is also made on existing files: it is what refuses a
+    // second row for one protection id.
+    OpenServiceDatabase(
+        db_, dbDirectory, "protections.db", table_,
+        "CREATE TABLE " + table_ +
+            "(trackId INTEGER, protectionId INTEGER, timepointIn INTEGER, "
+            "timepointOut INTEGER)",
+        "CREATE UNIQUE INDEX IF NOT EXISTS protectionIndex ON " + table_ + "(protectionId)",
+        logger_);
     PrepareStatements();
 }
 

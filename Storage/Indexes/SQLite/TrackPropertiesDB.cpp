@@ -1,21 +1,12 @@
 #include "Storage/Indexes/SQLite/TrackPropertiesDB.h"
 
-#include <boost/filesystem.hpp>
-#include <stdexcept>
 
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/SQLite/Statement.h"
 #include "Platform/SQLite/Transaction.h"
+#include "Storage/Indexes/SQLite/OpenServiceDatabase.h"
 
 using Moreld::SQLite::Transaction;
-
-namespace {
-
-const char kPragmas[] =
-    "PRAGMA JOURNAL_MODE=WAL;PRAGMA SYNCHRONOUS=NORMAL;PRAGMA JOURNAL_MODE=WAL;"
-    "PRAGMA LOCKING_MODE=NORMAL;PRAGMA page_size=4096;PRAGMA WAL_AUTOCHECKPOINT=4000;";
-
-}  // namespace
 
 TrackPropertiesDB::TrackPropertiesDB()
     : logger_(tav::mr::logging::LoggingManager::GetLogger("TrackPropertiesDB")) {}
@@ -25,17 +16,9 @@ TrackPropertiesDB::~TrackPropertiesDB() {
 }
 
 void TrackPropertiesDB::Open(const std::string& dbDirectory) {
-    const std::string path = (boost::filesystem::path(dbDirectory) / "properties.db").string();
-    if (!db_.Open(path)) {
-        const std::string message = "Could not open database file " + path;
-        MR_LOG(logger_, 50, message);
-        throw std::runtime_error(message);
-    }
-    if (!db_.TableExist(table_)) {
-        MR_LOG(logger_, 20, "Creating table \"" << table_ << "\" on database " << path);
-        db_.Execute("CREATE TABLE " + table_ + "(trackId INTEGER, key TEXT, value TEXT)", false);
-    }
-    db_.Execute(kPragmas, false);
+    OpenServiceDatabase(db_, dbDirectory, "properties.db", table_,
+                        "CREATE TABLE " + table_ + "(trackId INTEGER, key TEXT, value TEXT)", "",
+                        logger_);
     PrepareStatements();
 }
 
