@@ -16,7 +16,7 @@ constexpr size_t kBufferSize = size_t{1} << 20;
 
 }  // namespace
 
-ChunkRecordScanner::ChunkRecordScanner(const PosixFile& file, uint64_t generation, uint64_t limit)
+ChunkRecordScanner::ChunkRecordScanner(const File& file, uint64_t generation, uint64_t limit)
     : file_(file),
       generation_(generation),
       limit_(limit),

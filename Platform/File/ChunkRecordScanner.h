@@ -6,7 +6,7 @@
 #include <string>
 
 #include "Platform/File/ChunkRecordHeader.h"
-#include "Platform/File/PosixFile.h"
+#include "Platform/File/File.h"
 #include "Platform/Time/TimePoint.h"
 
 namespace Moreld::File {
@@ -23,7 +23,7 @@ class ChunkRecordScanner {
   public:
     // Scans records of `generation` that end by `limit` (the usable size of
     // the file).
-    ChunkRecordScanner(const PosixFile& file, uint64_t generation, uint64_t limit);
+    ChunkRecordScanner(const File& file, uint64_t generation, uint64_t limit);
 
     // Runs the scan. Throws std::runtime_error on an I/O error.
     void Scan();
@@ -43,7 +43,7 @@ class ChunkRecordScanner {
     std::string ReadHeader(uint64_t offset, ChunkRecordHeader& header) const;
     std::string VerifyBody(uint64_t offset, const ChunkRecordHeader& header);
 
-    const PosixFile& file_;
+    const File& file_;
     const uint64_t generation_;
     const uint64_t limit_;
     std::unique_ptr<char[]> buffer_;

@@ -10,6 +10,7 @@
 #include "Platform/File/ChunkRecordChecksum.h"
 #include "Platform/File/ChunkRecordHeader.h"
 #include "Platform/File/ChunkRecordScanner.h"
+#include "Platform/File/Env.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Tools/SyncPoint.h"
 
@@ -17,7 +18,7 @@ namespace Moreld::File {
 
 namespace {
 
-ChunkFileHeader ReadFileHeader(const PosixFile& file) {
+ChunkFileHeader ReadFileHeader(const File& file) {
     char bytes[ChunkFileHeader::kSize];
     const size_t got = file.ReadAt(bytes, sizeof(bytes), 0);
     return ChunkFileHeader::Decode(bytes, got);
@@ -27,9 +28,9 @@ ChunkFileHeader ReadFileHeader(const PosixFile& file) {
 
 DataChunkFileAppender::DataChunkFileAppender(const std::string& fileName, bool keepContent,
                                              uint64_t fileSize)
-    : file_(fileName, O_RDWR, "Cannot open chunk file"),
-      capacity_(std::min(fileSize, file_.Size())),
-      header_(ReadFileHeader(file_)),
+    : file_(Env::Get().OpenFile(fileName, O_RDWR, "Cannot open chunk file")),
+      capacity_(std::min(fileSize, file_->Size())),
+      header_(ReadFileHeader(*file_)),
       newGenerationPending_(!keepContent),
       logger_(tav::mr::logging::LoggingManager::GetLogger("DataChunkFileAppender")) {}
 
@@ -38,13 +39,13 @@ DataChunkFileAppender::~DataChunkFileAppender() {
     // opens many files only to scan them.
     if (wrote_ && !noFlush_) {
         try {
-            file_.DataSync();
+            file_->DataSync();
         } catch (const std::exception& e) {
             MR_LOG(logger_, 50, e.what());
         }
     }
     try {
-        file_.Close();
+        file_->Close();
     } catch (const std::exception& e) {
         MR_LOG(logger_, 50, e.what());
     }
@@ -78,7 +79,7 @@ uint64_t DataChunkFileAppender::GetTail() const {
 }
 
 void DataChunkFileAppender::Sync() {
-    file_.DataSync();
+    file_->DataSync();
     LOOPSTORE_SYNC_POINT("DataChunkFileAppender::Sync:Done");
 }
 
@@ -98,7 +99,7 @@ void DataChunkFileAppender::BeginGeneration() {
     tail_ = ChunkFileHeader::kFirstRecordOffset;
     timePoints_.clear();
     wrote_ = true;
-    file_.WriteAt(bytes, sizeof(bytes), 0);
+    file_->WriteAt(bytes, sizeof(bytes), 0);
     MR_LOG(
         logger_, 20,
         "Chunk file " << GetFilename() << ": generation " << header_.GetGeneration() << " begins");
@@ -150,7 +151,7 @@ bool DataChunkFileAppender::AppendAt(const Moreld::Plexa::DataChunk& chunk, uint
         {const_cast<char*>(kEndMark), sizeof(kEndMark)},
     };
     wrote_ = true;
-    file_.WriteAtV(iov, marksEnd ? 3 : 2, offset);
+    file_->WriteAtV(iov, marksEnd ? 3 : 2, offset);
     tail_ = offset + size;
     timePoints_.insert(chunk.GetTimePoint());
     return true;
@@ -161,7 +162,7 @@ void DataChunkFileAppender::EnsureScanned() const {
         return;
     }
     if (header_.IsValid()) {
-        ChunkRecordScanner scanner(file_, header_.GetGeneration(), capacity_);
+        ChunkRecordScanner scanner(*file_, header_.GetGeneration(), capacity_);
         scanner.Scan();
         tail_ = scanner.GetTail();
         timePoints_ = scanner.GetTimePoints();

@@ -4,8 +4,10 @@
 #include <set>
 #include <string>
 
+#include <memory>
 #include "Platform/File/ChunkFileHeader.h"
-#include "Platform/File/PosixFile.h"
+
+#include "Platform/File/File.h"
 #include "Platform/Logging/Logger.h"
 #include "Platform/Plexa/DataChunk.h"
 #include "Platform/Time/TimePoint.h"
@@ -65,7 +67,7 @@ class DataChunkFileAppender {
     uint64_t GetGeneration() const { return header_.GetGeneration(); }
     // Bytes usable by records: min(fileSize, the file's real size).
     uint64_t GetCapacity() const { return capacity_; }
-    const std::string& GetFilename() const { return file_.GetFileName(); }
+    const std::string& GetFilename() const { return file_->GetFileName(); }
 
     // When set, destruction does not fdatasync (data lives in the page cache
     // until the kernel writes it back).
@@ -84,7 +86,7 @@ class DataChunkFileAppender {
     // Finds the tail and time points of the current generation once.
     void EnsureScanned() const;
 
-    PosixFile file_;
+    std::unique_ptr<File> file_;
     uint64_t capacity_;
     ChunkFileHeader header_;
     // keepContent was false and nothing has been appended yet.

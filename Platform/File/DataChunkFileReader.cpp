@@ -10,6 +10,7 @@
 
 #include "Platform/File/ChunkPropertyBlock.h"
 #include "Platform/File/ChunkRecordChecksum.h"
+#include "Platform/File/Env.h"
 #include "Platform/Logging/LoggingManager.h"
 
 namespace Moreld::File {
@@ -36,8 +37,8 @@ std::string Hex(uint64_t value) {
 }  // namespace
 
 DataChunkFileReader::DataChunkFileReader(const std::string& fileName)
-    : file_(fileName, O_RDONLY, "Cannot open chunk file"),
-      fileSize_(file_.Size()),
+    : file_(Env::Get().OpenFile(fileName, O_RDONLY, "Cannot open chunk file")),
+      fileSize_(file_->Size()),
       propertiesSizeGuess_(propertiesSizeHint.load(std::memory_order_relaxed)) {}
 
 void DataChunkFileReader::GetChunk(Moreld::Plexa::DataChunk& out, uint64_t offset,
@@ -81,7 +82,7 @@ void DataChunkFileReader::Read(Moreld::Plexa::DataChunk& out, uint64_t offset,
 uint64_t DataChunkFileReader::FileGeneration(uint64_t offset) {
     if (!header_.IsValid()) {
         char bytes[ChunkFileHeader::kSize];
-        const size_t got = file_.ReadAt(bytes, sizeof(bytes), 0);
+        const size_t got = file_->ReadAt(bytes, sizeof(bytes), 0);
         header_ = ChunkFileHeader::Decode(bytes, got);
         if (!header_.IsValid()) {
             Fail(offset, "the file has no valid header");
@@ -113,9 +114,9 @@ ChunkRecordHeader DataChunkFileReader::ReadHeader(uint64_t offset, uint64_t gues
             {properties_.data(), properties_.size()},
             {payload.data(), payload.size()},
         };
-        got = file_.ReadAtV(iov, 3, offset);
+        got = file_->ReadAtV(iov, 3, offset);
     } else {
-        got = file_.ReadAt(raw, sizeof(raw), offset);
+        got = file_->ReadAt(raw, sizeof(raw), offset);
     }
     if (got < sizeof(raw)) {
         Fail(offset, "end of file inside the record header");
@@ -154,7 +155,7 @@ void DataChunkFileReader::ReadBody(uint64_t offset, const ChunkRecordHeader& hea
         {payload.data(), payload.size()},
     };
     const uint64_t wanted = header.propertiesSize + header.payloadSize;
-    if (file_.ReadAtV(iov, 2, offset + ChunkRecordHeader::kSize) != wanted) {
+    if (file_->ReadAtV(iov, 2, offset + ChunkRecordHeader::kSize) != wanted) {
         Fail(offset, "end of file inside the record");
     }
 }

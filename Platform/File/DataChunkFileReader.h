@@ -4,9 +4,11 @@
 #include <set>
 #include <string>
 
+#include <memory>
 #include "Platform/File/ChunkFileHeader.h"
 #include "Platform/File/ChunkRecordHeader.h"
-#include "Platform/File/PosixFile.h"
+
+#include "Platform/File/File.h"
 #include "Platform/Plexa/DataChunk.h"
 #include "Platform/Time/TimePoint.h"
 
@@ -42,7 +44,7 @@ class DataChunkFileReader {
     void GetChunk(Moreld::Plexa::DataChunk& out, uint64_t offset, const std::set<std::string>& keys,
                   Moreld::Time::TimePoint expectedTimePoint, uint64_t expectedSizeOnFile);
 
-    const std::string& GetFilename() const { return file_.GetFileName(); }
+    const std::string& GetFilename() const { return file_->GetFileName(); }
 
   private:
     struct Expectation {
@@ -68,7 +70,7 @@ class DataChunkFileReader {
 
     [[noreturn]] void Fail(uint64_t offset, const std::string& what) const;
 
-    PosixFile file_;
+    std::unique_ptr<File> file_;
     uint64_t fileSize_;
     ChunkFileHeader header_;  // kept once valid
     std::string properties_;  // property block of the last record, reused

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/SQLite/EnvVfs.h"
 #include "Platform/SQLite/SQLiteError.h"
 #include "Platform/SQLite/Statement.h"
 
@@ -43,8 +44,8 @@ bool Database::Open(const std::string& path) {
     Close();
     path_ = path;
     sqlite3* db = nullptr;
-    int rc =
-        sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                             EnvVfsName());
     if (rc != SQLITE_OK) {
         // SQLite hands back a handle even on failure, carrying the message.
         lastError_ = "Cannot open " + path + ": " +

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "Platform/File/Env.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Tools/DirectoryParser.h"
 
@@ -17,6 +18,19 @@ bool IsDirectory(const std::string& path) {
     return fs::is_directory(fs::status(path, ignored));
 }
 
+// Creates `path` and makes its entry durable before anything is put in it:
+// a track directory lost by a power cut would orphan the files moved there.
+std::error_code CreateDurably(const std::string& path, const std::string& root) {
+    Moreld::File::Env& env = Moreld::File::Env::Get();
+    std::error_code error = env.CreateDirectory(path);
+    return error ? error : env.SyncDirectory(root);
+}
+
+// The name this handler gives track `id`: its decimal text.
+bool IsTrackName(const std::string& name, long id) {
+    return id > 0 && name == std::to_string(id);
+}
+
 }  // namespace
 
 DirectoryHandler::DirectoryHandler(const std::string& root)
@@ -26,7 +40,7 @@ DirectoryHandler::DirectoryHandler(const std::string& root)
     if (error || !fs::exists(status)) {
         MR_LOG(logger_, 30, "Directory " << root << " created");
         // A failure shows in the check below, which names the root.
-        fs::create_directory(root, error);
+        CreateDurably(root, Moreld::File::ParentDirectory(root));
     }
     if (!IsDirectory(root)) {
         const std::string message = root + " is not a directory";
@@ -59,10 +73,8 @@ bool DirectoryHandler::Create(long id) {
         return false;
     }
     const std::string path = JoinPath(id);
-    std::error_code error;
-    // create_directory answers false without an error when the directory is
-    // already on disk: that too is a failure here, as the id was not known.
-    if (!fs::create_directory(path, error)) {
+    // A directory already on disk is a failure too, as the id was not known.
+    if (CreateDurably(path, root_)) {
         const std::string message = "Directory " + path + " could not be created";
         MR_LOG(logger_, 50, message);
         throw std::runtime_error(message);
@@ -76,8 +88,7 @@ long DirectoryHandler::Create() {
     std::lock_guard<std::mutex> lock(mutex_);
     const long id = ids_.empty() ? 1 : *ids_.rbegin() + 1;
     const std::string path = JoinPath(id);
-    std::error_code error;
-    if (!fs::create_directory(path, error)) {
+    if (CreateDurably(path, root_)) {
         MR_LOG(logger_, 50, "Directory " << path << " could not be created");
         return 0;
     }
@@ -87,16 +98,20 @@ long DirectoryHandler::Create() {
 
 void DirectoryHandler::Delete(long id) {
     const std::string path = JoinPath(id);
-    try {
-        fs::remove_all(path);
-        MR_LOG(logger_, 30, "Removed directory " << path);
-        // Readers of the set run on other threads (writer and reader
-        // factories) while a track is deleted.
-        std::lock_guard<std::mutex> lock(mutex_);
-        ids_.erase(id);
-    } catch (const std::exception& e) {
-        MR_LOG(logger_, 50, "Error to remove directory " << path << "  -->  " << e.what());
+    Moreld::File::Env& env = Moreld::File::Env::Get();
+    std::error_code error = env.RemoveTree(path);
+    if (!error) {
+        error = env.SyncDirectory(root_);
     }
+    if (error) {
+        MR_LOG(logger_, 50, "Error to remove directory " << path << "  -->  " << error.message());
+        return;
+    }
+    MR_LOG(logger_, 30, "Removed directory " << path);
+    // Readers of the set run on other threads (writer and reader factories)
+    // while a track is deleted.
+    std::lock_guard<std::mutex> lock(mutex_);
+    ids_.erase(id);
 }
 
 std::set<long> DirectoryHandler::GetIds() const {
@@ -122,16 +137,24 @@ void DirectoryHandler::ParseDirectory(const std::string& root) {
 
 void DirectoryHandler::AddScannedDirectory(const std::string& entry, const std::string& root) {
     const std::string name = fs::path(entry).filename().string();
+    long id = 0;
     try {
-        ids_.insert(std::stoll(name));
-        MR_LOG(logger_, 20, "Found directory " << entry << " on " << root);
-    } catch (const std::invalid_argument&) {
-        // std::out_of_range is left to the caller: a huge number is not a
-        // name this handler ever gives, and the scan cannot tell what it is.
+        id = std::stol(name);
+    } catch (const std::exception&) {
         if (name != "." && name != "..") {
             MR_LOG(logger_, 40, "A not-a-number-directory has been discovered: " << entry);
         }
+        return;
     }
+    // "007", "-3" or "12abc" are not names this handler gives: taking them
+    // as tracks would let a track deletion remove a folder the store does
+    // not own.
+    if (!IsTrackName(name, id)) {
+        MR_LOG(logger_, 40, "Ignoring directory " << entry << ": not a track directory name");
+        return;
+    }
+    ids_.insert(id);
+    MR_LOG(logger_, 20, "Found directory " << entry << " on " << root);
 }
 
 std::string DirectoryHandler::JoinPath(long id) const {

@@ -62,11 +62,12 @@ class DirectoryHandler {
     // directory counts as removed.
     void Delete(long id);
 
-    // Scans `root` and adds every sub-directory whose name starts with a
-    // decimal number (std::stoll rules: "12abc" is 12, "007" is 7). Ids
-    // already known are kept. Throws std::out_of_range for a number beyond
-    // 64 bits and std::runtime_error when `root` cannot be read; the ids
-    // added before the failure stay.
+    // Scans `root` and adds every sub-directory named as this handler names
+    // tracks: a positive decimal id without sign or leading zeros. Others
+    // ("007", "-3", "12abc", a number beyond 64 bits) are logged and left
+    // alone: they are not the store's. Ids already known are kept. Throws
+    // std::runtime_error when `root` cannot be read; the ids added before the
+    // failure stay.
     void ParseDirectory(const std::string& root);
 
   private:

@@ -8,6 +8,7 @@
 #include <thread>
 #include <utility>
 
+#include "Platform/File/Env.h"
 #include "Platform/File/ExtendedAttributes.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Tools/DirectoryParser.h"
@@ -23,8 +24,7 @@ constexpr uint64_t kBytesPerMB = 1000000;
 
 // Renames `source` to `destination`; "" on success, else the system's reason.
 std::string Rename(const std::string& source, const std::string& destination) {
-    boost::system::error_code error;
-    fs::rename(source, destination, error);
+    const std::error_code error = Moreld::File::Env::Get().Rename(source, destination);
     return error ? error.message() : std::string();
 }
 
@@ -91,12 +91,35 @@ void FilesPool::LoadFiles() {
 }
 
 void FilesPool::RecoverInterruptedFiles(const std::vector<ChunkFile>& files) {
+    std::set<long> tracks;
     for (const ChunkFile& file : files) {
         if (file.GetDirectoryNumber() == 0) {
             RecoverRestoredFile(file);
+            tracks.insert(file.GetFifthValue());
         } else {
             RecoverMovedFile(file);
+            tracks.insert(file.GetDirectoryNumber());
         }
+    }
+    if (!files.empty()) {
+        SyncDirectories(tracks);
+    }
+}
+
+void FilesPool::SyncDirectories(const std::set<long>& tracks) const {
+    SyncDirectory(poolDirectory_);
+    for (long track : tracks) {
+        SyncDirectory((fs::path(tracksRoot_) / std::to_string(track)).string());
+    }
+}
+
+void FilesPool::SyncDirectory(const std::string& directory) const {
+    // A rename is durable only once its directories are: the track's index
+    // must not list a file whose move a power cut can still undo. A track
+    // directory already removed (a deletion finished) has nothing to sync.
+    const std::error_code error = Moreld::File::Env::Get().SyncDirectory(directory);
+    if (error && error != std::errc::no_such_file_or_directory) {
+        Refuse("Cannot sync directory " + directory + ": " + error.message());
     }
 }
 
@@ -141,7 +164,7 @@ void FilesPool::LinkToDirectory(const std::string& poolDirectory) {
     if (!dbOpen_) {
         Refuse("Cannot link to directory " + poolDirectory + ": open database first");
     }
-    if (!files_.empty()) {
+    if (!files_.empty() && !poolDirectory_.empty()) {
         Refuse("Cannot link to directory " + poolDirectory +
                ": pool is already linked to some files. Unlink all the files if you want to "
                "relink.");
@@ -150,10 +173,12 @@ void FilesPool::LinkToDirectory(const std::string& poolDirectory) {
     uint64_t fileSize = 0;
     FileSet found = ScanPoolDirectory(poolDirectory, fileSize);
 
-    // Written to the database before the pool takes the files, so that an SQL
-    // error leaves the pool unlinked.
-    db_.SetPoolDirectory(poolDirectory);
+    // The files first, in one durable transaction, and the pool directory
+    // last: a database without its pool directory is a link that did not
+    // complete (IsLinked), whose rows are dropped and linked again.
+    db_.RemoveAllFiles();
     db_.AddFiles(found);
+    db_.SetPoolDirectory(poolDirectory);
     poolDirectory_ = poolDirectory;
     files_ = std::move(found);
     fileSize_ = fileSize;
@@ -271,6 +296,7 @@ unsigned long FilesPool::MoveFiles(long trackId, unsigned long size, std::vector
     stopped_ = false;
 
     const unsigned long handled = RenameToTrack(moved, waitMs);
+    SyncDirectories({trackId});
     MR_LOG(
         logger_, 30,
         "Finished moving " << handled << " files from " << poolDirectory_ << " to " << destination);
@@ -284,8 +310,12 @@ std::string FilesPool::CheckMoveRequest(long trackId) const {
         Refuse("Invalid track id " + std::to_string(trackId) + " to MoveFiles in FilesPool on " +
                poolDirectory_);
     }
-    const std::string destination = (fs::path(tracksRoot_) / std::to_string(trackId)).string();
     boost::system::error_code error;
+    if (!fs::is_directory(poolDirectory_, error)) {
+        Refuse("Pool directory " + poolDirectory_ + " is missing: cannot move files to track " +
+               std::to_string(trackId));
+    }
+    const std::string destination = (fs::path(tracksRoot_) / std::to_string(trackId)).string();
     if (!fs::is_directory(destination, error)) {
         Refuse(destination + " is not a directory in FilesPool on " + poolDirectory_);
     }
@@ -374,6 +404,7 @@ void FilesPool::RestoreFiles(const std::vector<ChunkFile>& files, unsigned long 
     stopped_ = false;
 
     const unsigned long handled = RenameToPool(restored, waitMs);
+    SyncDirectories({track});
     db_.SetRestoringStatus(0);
     MR_LOG(logger_, 30,
            "Finished restoring " << handled << " files from "
@@ -485,4 +516,14 @@ std::string FilesPool::GetDBFile(const std::string& directory) const {
 void FilesPool::Refuse(const std::string& message) const {
     MR_LOG(logger_, 50, message);
     throw std::runtime_error(message);
+}
+
+bool FilesPool::IsLinked() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return !poolDirectory_.empty();
+}
+
+std::string FilesPool::GetTrackDirectory() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return tracksRoot_;
 }

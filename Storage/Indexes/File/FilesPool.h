@@ -50,10 +50,18 @@ class FilesPool {
     std::vector<ChunkFile> OpenDatabase(const std::string& directory);
 
     // Scans `poolDirectory` and records its files as free: regular files
-    // named by a bare number, all of one size. Throws std::runtime_error,
-    // changing nothing, when the database is not open, the pool already has
-    // files, or the files differ in size.
+    // named by a bare number, all of one size. The files are recorded first
+    // and the pool directory last, both durably, so that a link stopped
+    // half-way is seen (IsLinked false) and done again: rows of such a link
+    // are dropped. Throws std::runtime_error, changing nothing, when the
+    // database is not open, the pool is already linked, or the files differ
+    // in size.
     void LinkToDirectory(const std::string& poolDirectory);
+    // True once a LinkToDirectory has completed, in this run or before.
+    bool IsLinked() const;
+    // The tracks root recorded in the database; empty before
+    // SetTrackDirectory.
+    std::string GetTrackDirectory() const;
 
     // Sets the tracks root once. Throws std::runtime_error when the database
     // is not open, a root is already set or `tracksRoot` is not an existing
@@ -61,24 +69,26 @@ class FilesPool {
     void SetTrackDirectory(const std::string& tracksRoot);
 
     // Lends free files to `trackId` until their sizes add up to `size` bytes
-    // (or a full turn of the pool is made), records the lending, then renames
-    // them into the track's directory, which must exist. Fills `moved` with
+    // (or a full turn of the pool is made), records the lending durably, then
+    // renames them into the track's directory, which must exist, and syncs
+    // both directories: once it returns, the move survives a power cut. Fills `moved` with
     // the lent files (directory number = trackId) and returns their total
     // size. Refusals throw std::runtime_error before anything changes: empty
-    // pool, tracks root not set, track id <= 0, missing destination or one
-    // that is the pool, not enough free space. An SQL error also changes
-    // nothing and leaves `moved` empty. A file that fails to rename is logged
-    // and stays lent. Sleeps
-    // `waitMs` after each file. Stops early, with HasStoppedMovingFiles()
+    // pool, tracks root not set, pool directory missing, track id <= 0,
+    // missing destination or one that is the pool, not enough free space. An
+    // SQL error also changes nothing and leaves `moved` empty. A file that
+    // fails to rename is logged and stays lent. Sleeps `waitMs` after each
+    // file. Stops early, with HasStoppedMovingFiles()
     // true, once the stop count of StopMovingFiles is reached.
     unsigned long MoveFiles(long trackId, unsigned long size, std::vector<ChunkFile>& moved,
                             unsigned long waitMs);
 
     // Gives `files`, all lent to one track (they carry its directory
-    // number), back to the pool: frees them, records the return, then
-    // renames them into the pool directory. Files the pool does not know,
-    // or that are not lent to the track they name, are logged and skipped. A file that fails to
-    // rename is logged and stays free. Sleeps `waitMs` after each file; stops early like MoveFiles.
+    // number), back to the pool: frees them, records the return durably,
+    // then renames them into the pool directory and syncs both directories. Files the pool does not
+    // know, or that are not lent to the track they name, are logged and skipped. A file that fails
+    // to rename is logged and stays free. Sleeps `waitMs` after each file; stops early like
+    // MoveFiles.
     void RestoreFiles(const std::vector<ChunkFile>& files, unsigned long waitMs);
 
     // Copies of the files lent to `trackId`, in file-number order.
@@ -111,6 +121,10 @@ class FilesPool {
     void RecoverInterruptedFiles(const std::vector<ChunkFile>& files);
     void RecoverRestoredFile(const ChunkFile& file);
     void RecoverMovedFile(const ChunkFile& file);
+    // Syncs the pool directory and the directories of `tracks`. Throws
+    // std::runtime_error (logged) on failure.
+    void SyncDirectories(const std::set<long>& tracks) const;
+    void SyncDirectory(const std::string& directory) const;
 
     // LinkToDirectory step: the numbered files of `poolDirectory`; sets
     // `fileSize`. Throws when two sizes differ.

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "Platform/File/Env.h"
 #include "Platform/File/ExtendedAttributes.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Storage/Indexes/File/ExtendedAttributeNames.h"
@@ -91,8 +92,7 @@ bool MovingThread::MoveOne(const MovedData& request, const ChunkFile& file) {
             ExtendedAttributes::Write(source, ExtendedAttributeNames::kOriginDirectory,
                                       request.sourceDirectory);
         }
-        boost::system::error_code error;
-        boost::filesystem::rename(source, destination, error);
+        const std::error_code error = Moreld::File::Env::Get().Rename(source, destination);
         if (error) {
             MR_LOG(logger_, 40,
                    "Couldn't move file " << source << " to " << destination << ": "

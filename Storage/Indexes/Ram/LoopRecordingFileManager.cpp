@@ -127,20 +127,12 @@ LoopRecordingFileManager::FileChoice LoopRecordingFileManager::ChooseFileForNewB
 
 void LoopRecordingFileManager::ForgetRecycledFile(const ChunkFile& file) {
     // The file is about to be rewritten: its old rows must not survive a crash
-    // that happens before its new chunks are saved. The commit is made durable
-    // (synchronous FULL) because the file's new records may reach the disk at
-    // any moment after they are written.
+    // that happens before its new chunks are saved. The track database's
+    // commits are durable, and this one must be before the file's first new
+    // record is written, as those may reach the disk at any moment.
     std::lock_guard<std::mutex> db(dbMutex_);
-    Moreld::SQLite::Database& database = trackDb_.GetDb();
-    database.Execute("PRAGMA synchronous=FULL", false);
-    try {
-        trackDb_.RemoveAndAddAsEmptyFile(file);
-        LOOPSTORE_SYNC_POINT("LoopRecordingFileManager::ForgetRecycledFile:Committed");
-    } catch (...) {
-        database.Execute("PRAGMA synchronous=NORMAL", true);
-        throw;
-    }
-    database.Execute("PRAGMA synchronous=NORMAL", false);
+    trackDb_.RemoveAndAddAsEmptyFile(file);
+    LOOPSTORE_SYNC_POINT("LoopRecordingFileManager::ForgetRecycledFile:Committed");
 }
 
 void LoopRecordingFileManager::ReleaseRecycledBlock(const FileChoice& choice) {

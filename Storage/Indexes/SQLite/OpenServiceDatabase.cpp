@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Storage/Indexes/SQLite/DurableCommits.h"
 
 namespace {
 
@@ -32,4 +33,5 @@ void OpenServiceDatabase(Moreld::SQLite::Database& db, const std::string& direct
     if (!extraSql.empty())
         db.Execute(extraSql, false);
     db.Execute(kPragmas, false);
+    db.Execute(kDurableCommits, false);
 }

@@ -5,6 +5,7 @@
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/SQLite/Statement.h"
 #include "Platform/SQLite/Transaction.h"
+#include "Storage/Indexes/SQLite/DurableCommits.h"
 
 using Moreld::SQLite::Statement;
 using Moreld::SQLite::Transaction;
@@ -42,6 +43,7 @@ bool PoolDB::Open(const std::string& directory) {
     }
     CreateMissingTables();
     db_.Execute(kPragmas, false);
+    db_.Execute(kDurableCommits, false);
     PrepareStatements();
     return true;
 }
@@ -140,6 +142,10 @@ void PoolDB::InsertFiles(const Files& files) {
         insert->Execute();
     }
     transaction.Commit(false);
+}
+
+void PoolDB::RemoveAllFiles() {
+    db_.Execute("DELETE FROM " + filesTable_, false);
 }
 
 std::vector<ChunkFile> PoolDB::GetAllFiles() {

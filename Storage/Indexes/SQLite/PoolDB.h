@@ -56,6 +56,8 @@ class PoolDB {
     // whole call. (A braced list must name its type: both overloads take it.)
     void AddFiles(const std::vector<ChunkFile>& files);
     void AddFiles(const std::set<ChunkFile>& files);
+    // Drops every row of "files": those of a link that did not complete.
+    void RemoveAllFiles();
     // Every row, fifth value 0 (the row's status is not returned).
     std::vector<ChunkFile> GetAllFiles();
     long GetNumberFiles();

@@ -2,9 +2,11 @@
 
 #include <boost/filesystem.hpp>
 
+#include "Platform/File/Env.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/SQLite/Statement.h"
 #include "Platform/SQLite/Transaction.h"
+#include "Storage/Indexes/SQLite/DurableCommits.h"
 
 using Moreld::SQLite::Statement;
 using Moreld::SQLite::Transaction;
@@ -75,6 +77,7 @@ bool TrackDB::Open(const std::string& directory, long trackId) {
                     "(fileNumber)",
                 false);
     db_.Execute(kPragmas, false);
+    db_.Execute(kDurableCommits, false);
     PrepareStatements();
     open_ = true;
     return true;
@@ -299,8 +302,18 @@ void TrackDB::Destroy() {
     // new track with the same id) and bring the deleted track's rows back.
     db_.Close();
     open_ = false;
-    boost::filesystem::remove(dbFile_);
-    boost::filesystem::remove(dbFile_ + "-wal");
-    boost::filesystem::remove(dbFile_ + "-shm");
+    Moreld::File::Env& env = Moreld::File::Env::Get();
+    for (const char* suffix : {"-wal", "-shm", ""}) {
+        const std::error_code error = env.RemoveFile(dbFile_ + suffix);
+        if (error && error != std::errc::no_such_file_or_directory) {
+            throw std::runtime_error("Cannot remove " + dbFile_ + suffix + ": " + error.message());
+        }
+    }
+    // Durably gone before the track's directory goes: a database left
+    // without its directory would be taken up by the next track of that id.
+    if (const std::error_code error = env.SyncDirectory(Moreld::File::ParentDirectory(dbFile_))) {
+        throw std::runtime_error("Cannot sync the directory of " + dbFile_ + ": " +
+                                 error.message());
+    }
     MR_LOG(logger_, 30, "Database file " << dbFile_ << " erased");
 }

@@ -2,6 +2,10 @@
 
 #include <boost/filesystem.hpp>
 
+#include <stdexcept>
+#include <system_error>
+
+#include "Platform/File/Env.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Storage/Indexes/Ram/NoChunkProtectionFactory.h"
 #include "Storage/Server/FileSystem/ChunkCacheFileTrackReaderFactory.h"
@@ -14,6 +18,7 @@ LoopRecordingFileFactory::LoopRecordingFileFactory(const FactoryParameters& para
       poolDirectory_(parameters.poolDirectory),
       monitoring_(std::make_unique<Monitoring>()),
       logger_(tav::mr::logging::LoggingManager::GetLogger("LoopRecordingFactory")) {
+    LockStore();
     MR_LOG(logger_, 30,
            "Track directories on " << trackDirectory_ << ", db directory on " << dbDirectory_
                                    << ", pool directory on " << poolDirectory_);
@@ -46,6 +51,24 @@ LoopRecordingFileFactory::~LoopRecordingFileFactory() {
     protectionFactory_.reset();
     directoryHandler_.reset();
     monitoring_.reset();
+    lock_.reset();
+}
+
+void LoopRecordingFileFactory::LockStore() {
+    const std::string path = (boost::filesystem::path(dbDirectory_) / "LOCK").string();
+    long holder = 0;
+    std::error_code error;
+    lock_ = Moreld::File::Env::Get().LockFile(path, holder, error);
+    if (lock_) {
+        return;
+    }
+    // Two processes on one store would lend the same files to two tracks.
+    const std::string message =
+        holder != 0 || error == std::errc::operation_would_block
+            ? "Store " + dbDirectory_ + " is already open by process " + std::to_string(holder)
+            : "Cannot lock store " + dbDirectory_ + " with " + path + ": " + error.message();
+    MR_LOG(logger_, 50, message);
+    throw std::runtime_error(message);
 }
 
 void LoopRecordingFileFactory::OpenPool() {
@@ -59,14 +82,30 @@ void LoopRecordingFileFactory::OpenPool() {
                                   "will link the pool with the pool directory "
                                   "specified: "
                                << poolDirectory_);
-        pool_->OpenDatabase(dbDirectory_);
-        pool_->SetTrackDirectory(trackDirectory_);
-        pool_->LinkToDirectory(poolDirectory_);
+        LinkPool(false);
         return;
     }
     std::vector<ChunkFile> interrupted = pool_->OpenDatabase(dbDirectory_);
+    if (!pool_->IsLinked()) {
+        // The first start stopped before its link completed: no file can
+        // have been lent yet, so linking again loses nothing.
+        MR_LOG(logger_, 40,
+               "Pool DB file " << dbFile
+                               << " was never linked to a pool directory: linking it with "
+                               << poolDirectory_);
+        LinkPool(true);
+        return;
+    }
     if (!interrupted.empty())
         HandlePowerFailure(interrupted);
+}
+
+void LoopRecordingFileFactory::LinkPool(bool opened) {
+    if (!opened)
+        pool_->OpenDatabase(dbDirectory_);
+    if (pool_->GetTrackDirectory().empty())
+        pool_->SetTrackDirectory(trackDirectory_);
+    pool_->LinkToDirectory(poolDirectory_);
 }
 
 MoreldStorageApi::Service* LoopRecordingFileFactory::Construct(

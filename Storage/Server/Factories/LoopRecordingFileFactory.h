@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "Platform/File/FileLock.h"
 #include "Platform/Logging/Logger.h"
 #include "Platform/Services/ExternalData.h"
 #include "Platform/Services/IServiceHandlerFactory.h"
@@ -24,6 +25,11 @@
 // start, an interrupted move finished at a restart) — and Construct hands
 // the host its three services.
 //
+// One store is open in one factory at a time: the constructor first takes
+// the lock file "LOCK" in the db directory (flock, released with the
+// factory or when its process dies), and fails at once when another holds
+// it.
+//
 // Owns everything it builds; the objects Construct returns refer to it, so
 // the factory must outlive them. Destruction runs in the reverse order of
 // construction. Construct is safe from any thread.
@@ -36,7 +42,9 @@ class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory
     };
 
     // Builds everything; any failure leaves the constructor (what was built
-    // is destroyed) and the host gets no factory.
+    // is destroyed) and the host gets no factory. A store already open
+    // elsewhere is refused with "Store <db directory> is already open by
+    // process <pid>".
     explicit LoopRecordingFileFactory(const FactoryParameters& parameters);
     ~LoopRecordingFileFactory() override;
 
@@ -55,7 +63,10 @@ class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory
     void HandlePowerFailure(const std::vector<ChunkFile>& files);
 
   private:
+    void LockStore();
     void OpenPool();
+    // First start, or a restart after a first start that did not complete.
+    void LinkPool(bool opened);
     void FinishInsertion(long track, LoopRecordingFileManager& manager,
                          const std::vector<ChunkFile>& files);
     void FinishRemoval(long track, LoopRecordingFileManager& manager,
@@ -65,6 +76,7 @@ class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory
     const std::string dbDirectory_;
     const std::string poolDirectory_;
     // Declared in reverse order of destruction.
+    std::unique_ptr<Moreld::File::FileLock> lock_;
     std::unique_ptr<Monitoring> monitoring_;
     std::unique_ptr<DirectoryHandler> directoryHandler_;
     std::unique_ptr<IChunkProtectionFactory> protectionFactory_;

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <stdexcept>
 #include <string>
 
@@ -79,29 +80,28 @@ TEST(DirectoryHandler, EmptyRootStartsAtOne) {
     EXPECT_TRUE(capture.HasExactly("Directory " + (root / "1") + " created"));
 }
 
-TEST(DirectoryHandler, NamesAreReadAsLeadingNumbers) {
+TEST(DirectoryHandler, OnlyNamesItGivesAreTracks) {
     TempDir root;
-    fs::create_directory(root / "007");
-    fs::create_directory(root / "12abc");
-    fs::create_directory(root / "-4");
+    for (const char* name : {"007", "12abc", "-4", "+5", "99999999999999999999", "9"})
+        fs::create_directory(root / name);
     LogCapture capture("DirectoryHandler");
     DirectoryHandler handler(root.Path());
 
-    EXPECT_TRUE(handler.Exist(7));
-    EXPECT_TRUE(handler.Exist(12));
-    EXPECT_TRUE(handler.Exist(-4));
-    EXPECT_TRUE(capture.HasExactly("Greatest Id is 12 on " + root.Path()));
-
-    // Paths are always built from the bare number: 007 is known as 7, yet its
-    // path is root/7, which is not on disk.
-    EXPECT_EQ(handler.GetPath(7), root / "7");
-    EXPECT_FALSE(fs::exists(handler.GetPath(7)));
-    EXPECT_FALSE(capture.Contains("doesn't exist"));
+    // A folder the store did not name is not a track: deleting "track 7"
+    // must never remove someone's "007".
+    EXPECT_EQ(handler.GetIds(), std::set<long>{9});
+    EXPECT_TRUE(capture.HasExactly("Greatest Id is 9 on " + root.Path()));
+    EXPECT_TRUE(capture.HasExactly("Ignoring directory " + (root / "007") +
+                                   ": not a track directory name"));
+    EXPECT_TRUE(
+        capture.HasExactly("Ignoring directory " + (root / "-4") + ": not a track directory name"));
+    handler.Delete(7);
+    EXPECT_TRUE(fs::is_directory(root / "007"));
 
     // An unknown id is an error, but still answers with its path.
     EXPECT_EQ(handler.GetPath(8), root / "8");
     const std::string missing = "Directory 8 doesn't exist. Root directory is " + root.Path() +
-                                " and available sub-directories are: -4 7 12 ";
+                                " and available sub-directories are: 9 ";
     EXPECT_TRUE(capture.HasExactly(missing));
     EXPECT_EQ(capture.LevelOf(missing), 50);
 }
@@ -198,17 +198,4 @@ TEST(DirectoryHandler, RootMustBeADirectory) {
     MakeFile(base / "file");
     EXPECT_EQ(ErrorOf([&] { DirectoryHandler handler(base / "file"); }),
               (base / "file") + " is not a directory");
-}
-
-TEST(DirectoryHandler, OutOfRangeNameLeavesTheScanUnlocked) {
-    TempDir root;
-    TempDir other;
-    fs::create_directory(other / "99999999999999999999");
-    DirectoryHandler handler(root.Path());
-
-    EXPECT_THROW(handler.ParseDirectory(other.Path()), std::out_of_range);
-    // The mutex was released: these would hang otherwise.
-    EXPECT_TRUE(handler.Create(1));
-    EXPECT_TRUE(handler.Exist(1));
-    EXPECT_THROW(DirectoryHandler{other.Path()}, std::out_of_range);
 }

@@ -25,7 +25,7 @@ int CountFiles(const std::filesystem::path& dir, bool recursive) {
 
 }  // namespace
 
-Storage::Storage(int poolFiles) : poolFiles_(poolFiles) {
+Storage::Storage(int poolFiles, bool start) : poolFiles_(poolFiles) {
     std::filesystem::create_directories(TracksDir());
     std::filesystem::create_directories(DbDir());
     std::filesystem::create_directories(PoolDir());
@@ -34,7 +34,8 @@ Storage::Storage(int poolFiles) : poolFiles_(poolFiles) {
         std::snprintf(name, sizeof name, "%08d", i);
         CreatePreallocatedFile(PoolDir() + "/" + name, kFileSize);
     }
-    Start();
+    if (start)
+        Start();
 }
 
 Storage::~Storage() {

@@ -15,7 +15,9 @@ class Storage {
   public:
     static constexpr unsigned long kFileSize = 64 * 1024;
 
-    explicit Storage(int poolFiles);
+    // Creates the directories and `poolFiles` pool files, then starts the
+    // store unless `start` is false.
+    explicit Storage(int poolFiles, bool start = true);
     ~Storage();
 
     // Builds the factory and its service (a start of the process).
@@ -40,6 +42,8 @@ class Storage {
     // Files on disk: in the pool directory, and in every track directory.
     int FilesInPool() const;
     int FilesInTracks() const;
+    // The directory of the test, for its own files.
+    const TempDir& Dir() const { return dir_; }
 
   private:
     TempDir dir_;
