@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+
+namespace loopstore::test {
+
+// What a crashing client was told, and so what the store must still hold
+// after a crash or power cut.
+//
+// The client (a child process) appends one line per fact to a log with
+// plain write(2), which outlives its being killed: an acknowledgement once
+// the store's call returned, a withdrawal before the call that may undo an
+// earlier one starts. The parent reads the log back into this model. Lines:
+//   A <track> <tp> <size>   chunk appended (not yet saved)
+//   K <track>               writer closed: every chunk appended is saved
+//   X <track>               about to clear, shrink or delete: nothing of it is required
+//   T <track>               track created (acknowledged)
+//   D <track>               about to delete the track
+//   P <id> <track> <from> <to>   protection acknowledged
+//   U <id>                  about to lift it
+//   Y <track> <key> <value> property set (acknowledged)
+//   Z <track> <key>         about to change or remove it
+//   R <track> <tp>          the client read wrong bytes at tp
+class CrashModel {
+  public:
+    // Appends `line` to the log at `path` (one write).
+    static void Log(const std::string& path, const std::string& line);
+    // Applies every line of the log at `path` read since the last call.
+    void ReadLog(const std::string& path);
+
+    // Saved chunks of each track: tp -> size.
+    std::map<long, std::map<int64_t, size_t>> saved;
+    std::set<long> tracks;
+    struct Protection {
+        long track;
+        int64_t from, to;
+    };
+    std::map<long, Protection> protections;
+    std::map<std::pair<long, std::string>, std::string> properties;
+    std::set<std::pair<long, int64_t>> wrongReads;
+
+  private:
+    void Apply(const std::string& line);
+
+    std::map<long, std::map<int64_t, size_t>> pending_;
+    size_t consumed_ = 0;  // bytes of the log already applied
+};
+
+}  // namespace loopstore::test
