@@ -56,7 +56,8 @@ bool DataChunkFileAppender::Append(const Moreld::Plexa::DataChunk& chunk) {
 }
 
 bool DataChunkFileAppender::Append(const Moreld::Plexa::DataChunk& chunk, uint64_t offset) {
-    if (offset != ChunkFileHeader::kFirstRecordOffset && offset != GetTail()) {
+    const bool rewinds = offset != ChunkFileHeader::kFirstRecordOffset && offset != GetTail();
+    if (rewinds && !(Fits(offset, chunk.GetSizeOnFile()) && RewindTo(offset))) {
         MR_LOG(logger_, 40,
                "Chunk file " << GetFilename() << ": refused chunk at " << chunk.GetTimePoint()
                              << " for offset " << offset << ", the records end at " << GetTail());
@@ -76,6 +77,23 @@ uint64_t DataChunkFileAppender::GetTail() const {
     }
     EnsureScanned();
     return tail_;
+}
+
+// A scan limited to `offset` ends exactly there only when a record does.
+// The end mark of the next append then cuts the records that followed.
+bool DataChunkFileAppender::RewindTo(uint64_t offset) {
+    if (newGenerationPending_ || offset > GetTail() || !header_.IsValid())
+        return false;
+    ChunkRecordScanner scanner(file_, header_.GetGeneration(), offset);
+    scanner.Scan();
+    if (scanner.GetTail() != offset)
+        return false;
+    MR_LOG(logger_, 30,
+           "Chunk file " << GetFilename() << ": records from offset " << offset << " to " << tail_
+                         << " leave generation " << header_.GetGeneration());
+    tail_ = offset;
+    timePoints_ = scanner.GetTimePoints();
+    return true;
 }
 
 void DataChunkFileAppender::Sync() {

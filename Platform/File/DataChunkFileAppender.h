@@ -51,9 +51,11 @@ class DataChunkFileAppender {
     // generation then ends before the failed record.
     bool Append(const Moreld::Plexa::DataChunk& chunk);
     // Appends `chunk` at `offset`, where the caller's index placed it: offset
-    // 16 begins a new generation there, any other offset must equal GetTail().
-    // Returns false, writing nothing, for another offset or when the record
-    // would not fit. Errors as Append(chunk).
+    // 16 begins a new generation there; any other offset must be GetTail() or
+    // the end of an earlier record of the current generation, and the
+    // records after it then leave the generation (an index that dropped them
+    // writes over them). Returns false, writing nothing, for another offset
+    // or when the record would not fit. Errors as Append(chunk).
     bool Append(const Moreld::Plexa::DataChunk& chunk, uint64_t offset);
 
     // The time points of the valid records of the current generation, in
@@ -82,6 +84,9 @@ class DataChunkFileAppender {
     void BeginGeneration();
     void EncodeHead(const Moreld::Plexa::DataChunk& chunk, uint64_t propertiesSize);
     bool AppendAt(const Moreld::Plexa::DataChunk& chunk, uint64_t offset);
+    // Ends the generation, as far as this appender knows, at `offset` when a
+    // record of it ends there; false otherwise.
+    bool RewindTo(uint64_t offset);
 
     // Finds the tail and time points of the current generation once.
     void EnsureScanned() const;

@@ -213,6 +213,7 @@ FileSystem::Chunk LoopRecordingFileManager::AppendFirstChunk(const TimePoint& tp
             "Could not append chunk at " << tp << " in first block. Chunk is " << chunk.ToString());
         throw std::runtime_error(Concat("Could not append chunk at ", tp));
     }
+    NotePlaced(file);
     // A new track starts its counters again, except the chunk counter, which
     // goes on after a Clear.
     accumulatedDuration_ = duration;
@@ -252,9 +253,24 @@ FileSystem::Chunk LoopRecordingFileManager::AppendInBlockLocked(FileSystem::Bloc
     return chunk;
 }
 
+// With indexMutex_ held exclusively: the writer is about to write there.
+void LoopRecordingFileManager::NotePlaced(const ChunkFile& file) {
+    if (writing_ && fileBeingWritten_ != file)
+        fileBeingWritten_ = file;
+}
+
+// With indexMutex_ held.
+bool LoopRecordingFileManager::IsBeingWritten(const ChunkFile& file) const {
+    if (!fileBeingWritten_ || *fileBeingWritten_ != file)
+        return false;
+    MR_LOG(logger_, 30, "T" << trackId_ << ": file " << file << " is being written: it stays");
+    return true;
+}
+
 // Called with indexMutex_ held exclusively, as every writer of these
 // counters is: the stores only need to be atomic for lock-free readers.
 void LoopRecordingFileManager::CountAppended(const FileSystem::Chunk& chunk) {
+    NotePlaced(chunk.location.file);
     constexpr auto relaxed = std::memory_order_relaxed;
     accumulatedDuration_.store(accumulatedDuration_.load(relaxed) + chunk.duration, relaxed);
     ++chunkCounter_;
@@ -503,9 +519,15 @@ void LoopRecordingFileManager::InsertFiles(const std::vector<ChunkFile>& files) 
 std::vector<ChunkFile> LoopRecordingFileManager::RemoveEmptyFilesUpTo(unsigned long size,
                                                                       unsigned long& taken) {
     std::vector<ChunkFile> result;
-    while (taken < size && !emptyFiles_.empty()) {
-        ChunkFile file = emptyFiles_.front();
-        emptyFiles_.pop_front();
+    // A cleared file may still be written: the writer had placed a chunk in
+    // it before its block went.
+    for (auto it = emptyFiles_.begin(); taken < size && it != emptyFiles_.end();) {
+        if (IsBeingWritten(*it)) {
+            ++it;
+            continue;
+        }
+        ChunkFile file = *it;
+        it = emptyFiles_.erase(it);
         file.SetFromEmptyFile(true);
         taken += static_cast<unsigned long>(file.Size());
         maxTrackSize_ -= static_cast<unsigned long>(file.Size());
@@ -527,6 +549,10 @@ std::vector<ChunkFile> LoopRecordingFileManager::RemoveBlocksUpTo(unsigned long 
             key = recyclableKeys_.erase(key);
             continue;
         }
+        if (IsBeingWritten(block->second.GetChunkFile())) {
+            ++key;
+            continue;
+        }
         // The file holds chunk data: its rows in the database are chunk rows,
         // whatever flag the block's file carried when it was opened.
         ChunkFile file = block->second.GetChunkFile();
@@ -543,11 +569,11 @@ std::vector<ChunkFile> LoopRecordingFileManager::RemoveBlocksUpTo(unsigned long 
 
 std::vector<ChunkFile> LoopRecordingFileManager::RemoveFiles(unsigned long size) {
     UniqueLock files(filesMutex_);
+    UniqueLock index(indexMutex_);
     unsigned long taken = 0;
     std::vector<ChunkFile> result = RemoveEmptyFilesUpTo(size, taken);
     const size_t emptyCount = result.size();
     if (taken < size) {
-        UniqueLock index(indexMutex_);
         std::vector<ChunkFile> blockFiles = RemoveBlocksUpTo(size, taken);
         result.insert(result.end(), blockFiles.begin(), blockFiles.end());
         AdaptBeginningOfTrack();
@@ -772,8 +798,45 @@ void LoopRecordingFileManager::HandlePowerFailure(const std::string& root) {
 }
 
 void LoopRecordingFileManager::SaveAndRemove(const std::vector<FileSystem::Chunk>& chunks) {
+    // Clearing and shrinking hold filesMutex_ exclusively: no block can go
+    // between the check and the save, and none can come back through it.
+    SharedLock files(filesMutex_);
+    const std::vector<FileSystem::Chunk> indexed = StillIndexed(chunks);
+    LOOPSTORE_SYNC_POINT("LoopRecordingFileManager::SaveAndRemove:Checked");
     std::lock_guard<std::mutex> db(dbMutex_);
-    trackDb_.SaveAndRemove(chunks);
+    trackDb_.SaveAndRemove(indexed);
+}
+
+std::vector<FileSystem::Chunk> LoopRecordingFileManager::StillIndexed(
+    const std::vector<FileSystem::Chunk>& chunks) const {
+    SharedLock index(indexMutex_);
+    std::vector<FileSystem::Chunk> indexed;
+    for (const FileSystem::Chunk& chunk : chunks) {
+        auto block = BlockAtOrBefore(chunk.timepoint);
+        FileSystem::Chunk found;
+        if (block != blocks_.end() && block->second.Lookup(chunk.timepoint, found) &&
+            found.location == chunk.location) {
+            indexed.push_back(chunk);
+        }
+    }
+    if (indexed.size() != chunks.size()) {
+        MR_LOG(logger_, 40,
+               "T" << trackId_ << ": " << chunks.size() - indexed.size() << " chunks of "
+                   << chunks.front().location.file
+                   << " left the index while the file was written; they are not saved");
+    }
+    return indexed;
+}
+
+void LoopRecordingFileManager::BeginWriting() {
+    UniqueLock index(indexMutex_);
+    writing_ = true;
+}
+
+void LoopRecordingFileManager::EndWriting() {
+    UniqueLock index(indexMutex_);
+    writing_ = false;
+    fileBeingWritten_.reset();
 }
 
 void LoopRecordingFileManager::RemoveFiles(const std::vector<ChunkFile>& files) {

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <shared_mutex>
 #include <string>
@@ -28,7 +29,9 @@
 // Persistence: the index is rebuilt from the track's TrackDB (OpenDatabase) and
 // repaired against the files after an unclean stop (HandlePowerFailure). The
 // database learns about chunks in batches, through SaveAndRemove, once their
-// file is complete.
+// file is complete. A track may be cleared or shrunk while it is written:
+// the database then only learns what the index still names, and the file
+// being written never leaves the track.
 //
 // Thread safety: one appending thread (Append, SaveAndRemove), any number of
 // readers (Lookup, Next, Previous, the getters), and service threads for files
@@ -102,11 +105,19 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     // Checks the newest blocks against the files under `root` and drops those
     // the files do not hold entirely.
     void HandlePowerFailure(const std::string& root);
+    // Saves a written file's chunks, the whole content of the file, in the
+    // database; chunks the index no longer names at their place (the track
+    // was cleared or shrunk while the file was written) are left out.
     void SaveAndRemove(const std::vector<FileSystem::Chunk>& chunks);
     // Forgets the files' rows in the database (the index was updated by
     // RemoveFiles(unsigned long)).
     void RemoveFiles(const std::vector<ChunkFile>& files);
     void DestroyDatabase();
+    // A writer writes the chunks Append places, in the files they name,
+    // between these two calls. Meanwhile the file of the last chunk placed
+    // stays in the track: RemoveFiles never gives it back.
+    void BeginWriting();
+    void EndWriting();
     void SetActiveMode(bool active);
     bool IsActive();
     bool CheckInvariant();
@@ -144,6 +155,9 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     FileSystem::Chunk AppendInBlockLocked(FileSystem::Block& block, const TimePoint& tp,
                                           const TimePoint& duration, unsigned long size);
     void CountAppended(const FileSystem::Chunk& chunk);
+    void NotePlaced(const ChunkFile& file);
+    bool IsBeingWritten(const ChunkFile& file) const;
+    std::vector<FileSystem::Chunk> StillIndexed(const std::vector<FileSystem::Chunk>& chunks) const;
     void LogProgress(const FileSystem::Block& last);
     void CheckFactory() const;
     ChunkHandle MakeHandle(const FileSystem::Chunk& chunk) const;
@@ -168,6 +182,8 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     mutable std::shared_mutex indexMutex_;
     std::map<TimePoint, FileSystem::Block> blocks_;  // guarded by indexMutex_
     long chunkCounter_ = 0;                          // guarded by indexMutex_
+    bool writing_ = false;                           // guarded by indexMutex_
+    std::optional<ChunkFile> fileBeingWritten_;      // guarded by indexMutex_
 
     std::mutex dbMutex_;
     TrackDB trackDb_;  // guarded by dbMutex_

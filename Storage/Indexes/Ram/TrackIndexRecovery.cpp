@@ -1,5 +1,6 @@
 #include "Storage/Indexes/Ram/TrackIndexRecovery.h"
 
+#include <algorithm>
 #include <mutex>
 #include <shared_mutex>
 #include <sstream>
@@ -28,14 +29,29 @@ std::string Concat(const Parts&... parts) {
 }  // namespace
 
 void TrackIndexRecovery::LoadEmptyFiles() {
-    std::vector<ChunkFile> empties;
-    {
-        std::lock_guard<std::mutex> db(m_.dbMutex_);
-        empties = m_.trackDb_.GetAllEmptyFiles();
-    }
-    for (const ChunkFile& file : empties) {
-        m_.emptyFiles_.push_back(file);
-        m_.maxTrackSize_ += static_cast<unsigned long>(file.Size());
+    std::lock_guard<std::mutex> db(m_.dbMutex_);
+    std::vector<ChunkFile> blockFiles;
+    for (const auto& [key, block] : m_.blocks_)
+        blockFiles.push_back(block.GetChunkFile());
+    auto listedIn = [](const auto& files, const ChunkFile& file) {
+        return std::find(files.begin(), files.end(), file) != files.end();
+    };
+    for (const ChunkFile& file : m_.trackDb_.GetAllEmptyFiles()) {
+        const bool inBlock = listedIn(blockFiles, file);
+        if (!inBlock && !listedIn(m_.emptyFiles_, file)) {
+            m_.emptyFiles_.push_back(file);
+            m_.maxTrackSize_ += static_cast<unsigned long>(file.Size());
+            continue;
+        }
+        // Left by a version that could list a file twice: it counts once,
+        // and its rows are made to agree (chunks win over an empty listing).
+        MR_LOG(m_.logger_, 40,
+               "T" << m_.trackId_ << ": file " << file
+                   << " is listed more than once in the database; it is counted once");
+        if (inBlock)
+            m_.trackDb_.RemoveEmptyFile(file);
+        else
+            m_.trackDb_.AddEmptyFile(file);
     }
 }
 
@@ -75,9 +91,9 @@ void TrackIndexRecovery::OpenDatabase(const std::string& directory) {
     }
     UniqueLock files(m_.filesMutex_);
     UniqueLock index(m_.indexMutex_);
-    LoadEmptyFiles();
     unsigned long chunkCount = 0;
     LoadBlocks(chunkCount);
+    LoadEmptyFiles();
     // The database keeps neither sequence numbers nor accumulated durations:
     // number the chunks again in time order, so that counts and durations
     // between two instants hold across a restart.
@@ -104,33 +120,43 @@ void TrackIndexRecovery::OpenDatabase(const std::string& directory) {
     m_.AdaptBeginningOfTrack();
 }
 
-bool TrackIndexRecovery::FileMatchesBlock(const std::string& root, const FileSystem::Block& block) {
-    const ChunkFile file = block.GetChunkFile();
+std::set<TimePoint> TrackIndexRecovery::TimePointsInFile(const std::string& root,
+                                                         const ChunkFile& file) {
     const std::string name = file.GetAbsoluteFileName(root, false);
     MR_LOG(m_.logger_, 30, "T" << m_.trackId_ << ": scanning file " << name << " ...");
-    std::set<TimePoint> present;
     try {
         Moreld::File::DataChunkFileAppender appender(name, true,
                                                      static_cast<uint64_t>(file.Size()));
         appender.SetNoFlush(true);  // nothing is written: no need to sync
-        present = appender.GetTimePoints();
+        return appender.GetTimePoints();
     } catch (const std::exception& e) {
         // An unreadable file holds nothing we can serve.
         MR_LOG(m_.logger_, 50,
                "T" << m_.trackId_ << ": could not read " << name << ": " << e.what());
+        return {};
     }
-    // Equal counts are not enough: a file rewritten since the database saw it
-    // may hold as many records, but not these ones.
+}
+
+size_t TrackIndexRecovery::ReadableChunks(const std::string& root, const FileSystem::Block& block,
+                                          bool& matches) {
+    const ChunkFile file = block.GetChunkFile();
+    const std::set<TimePoint> present = TimePointsInFile(root, file);
+    // A file's records are read back up to the first damaged one, and the
+    // listed chunks are its first records: what reads back is a prefix.
+    size_t readable = 0;
     std::vector<TimePoint> missing;
     for (const auto& [tp, chunk] : block.GetChunks()) {
         if (present.count(tp) == 0)
             missing.push_back(tp);
+        else if (missing.empty())
+            ++readable;
     }
-    if (block.GetChunkNumber() == present.size() && missing.empty()) {
+    matches = block.GetChunkNumber() == present.size() && missing.empty();
+    if (matches) {
         MR_LOG(m_.logger_, 30,
                "T" << m_.trackId_ << ": File " << file
                    << " matches the DB: end of track is in a valid state");
-        return true;
+        return readable;
     }
     MR_LOG(m_.logger_, 30,
            "T" << m_.trackId_ << ": Block at " << block.GetTcIn() << " has "
@@ -140,7 +166,7 @@ bool TrackIndexRecovery::FileMatchesBlock(const std::string& root, const FileSys
         MR_LOG(m_.logger_, 30,
                "T" << m_.trackId_ << ": Chunk at " << tp << " is not present in file " << file);
     }
-    return false;
+    return readable;
 }
 
 void TrackIndexRecovery::DropNewestBlock(const FileSystem::Block& block) {
@@ -158,21 +184,58 @@ void TrackIndexRecovery::DropNewestBlock(const FileSystem::Block& block) {
     m_.blocks_.erase(key);
 }
 
+void TrackIndexRecovery::KeepFirstChunks(const FileSystem::Block& block, size_t kept) {
+    MR_LOG(m_.logger_, 30,
+           "T" << m_.trackId_ << ": " << kept << " of the " << block.GetChunkNumber()
+               << " chunks of block at " << block.GetTcIn() << " are kept in file "
+               << block.GetChunkFile());
+    if (kept == block.GetChunkNumber())
+        return;  // only records that were never listed are left out
+    FileSystem::Block trimmed(block.GetConfiguration());
+    std::vector<FileSystem::Chunk> rows;
+    for (const auto& [tp, chunk] : block.GetChunks()) {
+        if (rows.size() == kept)
+            break;
+        trimmed.Append(chunk);
+        rows.push_back(chunk);
+    }
+    {
+        // The file's rows become exactly the chunks kept.
+        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        m_.trackDb_.SaveAndRemove(rows);
+    }
+    m_.trackSize_ = m_.trackSize_.load() + trimmed.GetCurrentSize() - block.GetCurrentSize();
+    // Assignment keeps the protections of the indexed block.
+    m_.blocks_.at(block.GetTcIn()) = trimmed;
+}
+
 void TrackIndexRecovery::HandlePowerFailure(const std::string& root) {
     MR_LOG(m_.logger_, 30, "T" << m_.trackId_ << ": Power failure detected");
     UniqueLock files(m_.filesMutex_);
     UniqueLock index(m_.indexMutex_);
-    // Blocks are dropped whole, never trimmed, newest first, until one matches.
+    // Newest first: a block keeps the listed chunks its file reads back; one
+    // that keeps none is dropped and the block before it is checked too.
+    // Only listed chunks are kept: records written after the file's last
+    // save (a continued file's tail) were never listed, and the next writer
+    // writes over them.
     while (!m_.blocks_.empty()) {
         const FileSystem::Block newest = m_.blocks_.rbegin()->second;
-        if (FileMatchesBlock(root, newest))
+        bool matches = false;
+        const size_t readable = ReadableChunks(root, newest, matches);
+        if (matches)
             break;
-        DropNewestBlock(newest);
+        if (readable == 0) {
+            DropNewestBlock(newest);
+            continue;
+        }
+        KeepFirstChunks(newest, readable);
+        break;
     }
     if (!m_.blocks_.empty()) {
         const FileSystem::Block& newest = m_.blocks_.rbegin()->second;
         m_.endOfTrack_ = newest.GetTcOut();
         m_.accumulatedDuration_ = newest.GetLastChunk().accumulatedDuration;
+        m_.chunkCounter_ = static_cast<long>(newest.GetLastChunk().sequenceNumber) + 1;
     }
     m_.AdaptBeginningOfTrack();
     MR_LOG(m_.logger_, 30, "T" << m_.trackId_ << ": Power failure recovery over");

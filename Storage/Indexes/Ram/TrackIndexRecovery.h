@@ -1,5 +1,6 @@
 #pragma once
 
+#include <set>
 #include <string>
 
 #include "Storage/Indexes/Ram/Block.h"
@@ -8,8 +9,9 @@ class LoopRecordingFileManager;
 
 // Rebuilds a track's RAM index from its database (OpenDatabase) and repairs
 // the end of the track against its chunk files after an unclean stop
-// (HandlePowerFailure): the newest blocks are checked, newest first, and
-// dropped whole until one matches its file.
+// (HandlePowerFailure): newest first, a block keeps the chunks the database
+// lists and its file reads back; a block that keeps none is dropped and the
+// one before it is checked in turn.
 //
 // A short-lived helper of LoopRecordingFileManager, which it befriends: it
 // works on the manager's state under the manager's own locks. Both run before
@@ -25,8 +27,14 @@ class TrackIndexRecovery {
   private:
     void LoadEmptyFiles();
     void LoadBlocks(unsigned long& chunkCount);
-    bool FileMatchesBlock(const std::string& root, const FileSystem::Block& block);
+    std::set<Moreld::Time::TimePoint> TimePointsInFile(const std::string& root,
+                                                       const ChunkFile& file);
+    // How many of the block's first chunks read back from its file; sets
+    // `matches` when the file holds exactly the block's chunks.
+    size_t ReadableChunks(const std::string& root, const FileSystem::Block& block, bool& matches);
     void DropNewestBlock(const FileSystem::Block& block);
+    // The block and the database keep only its first `kept` chunks.
+    void KeepFirstChunks(const FileSystem::Block& block, size_t kept);
 
     LoopRecordingFileManager& m_;
 };

@@ -172,9 +172,17 @@ FileSystem::Chunk TrackDB::Get(const TimePoint& tp) {
 }
 
 void TrackDB::AddEmptyFile(const ChunkFile& file) {
+    // A file is listed once, as empty or by its chunks: whatever rows it had
+    // go first.
+    Forget(file);
     CachedRun insert(db_, "TrackDB::AddEmptyFile", insertEmptyFileSql_);
     BindFileColumns(*insert, file);
     insert->Execute();
+}
+
+void TrackDB::Forget(const ChunkFile& file) {
+    RemoveEmptyFile(file);
+    Remove(file);
 }
 
 void TrackDB::AddEmptyFiles(const std::vector<ChunkFile>& files) {
@@ -201,19 +209,16 @@ void TrackDB::Remove(const ChunkFile& file) {
 
 void TrackDB::RemoveAndAddAsEmptyFile(const ChunkFile& file) {
     Transaction transaction(db_, false);
-    Remove(file);
     AddEmptyFile(file);
     transaction.Commit(false);
 }
 
 void TrackDB::RemoveFiles(const std::vector<ChunkFile>& files) {
+    // Whatever the flag says, a file that leaves the track leaves no row: a
+    // block whose chunks were never saved is still listed as an empty file.
     Transaction transaction(db_, false);
     for (const ChunkFile& file : files) {
-        if (file.IsFromEmptyFile()) {
-            RemoveEmptyFile(file);
-        } else {
-            Remove(file);
-        }
+        Forget(file);
     }
     transaction.Commit(false);
 }
@@ -221,7 +226,6 @@ void TrackDB::RemoveFiles(const std::vector<ChunkFile>& files) {
 void TrackDB::Clear(const std::vector<ChunkFile>& files) {
     Transaction transaction(db_, false);
     for (const ChunkFile& file : files) {
-        Remove(file);
         AddEmptyFile(file);
     }
     transaction.Commit(false);
@@ -232,17 +236,16 @@ void TrackDB::SaveAndRemove(const std::vector<FileSystem::Chunk>& chunks) {
         return;
     }
     Transaction transaction(db_, false);
-    // Only the first chunk's file counts: the index flags a file when it
-    // opens a new block in it, so a batch that continues a recycled file also
-    // drops the rows that earlier batches wrote for it.
+    // The batch is the whole content of the first chunk's file: every row
+    // the file had goes, its empty-file row and the chunk rows of earlier
+    // batches (a continued file) or of an older block (a recycled one).
     const ChunkFile& file = chunks.front().location.file;
+    Forget(file);
     if (file.IsFromEmptyFile()) {
-        RemoveEmptyFile(file);
         MR_LOG(
             logger_, 10,
             "Saving " << chunks.size() << " chunks and removing empty file " << file.GetFileName());
     } else {
-        Remove(file);
         MR_LOG(logger_, 10,
                "Saving " << chunks.size() << " chunks and removing loop recording file "
                          << file.GetFileName());

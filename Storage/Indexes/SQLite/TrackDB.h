@@ -54,6 +54,8 @@ class TrackDB {
     // flagged as empty; a default Chunk when there is none.
     FileSystem::Chunk Get(const TimePoint& tp);
 
+    // Lists the file as empty: its chunk rows and any empty-file row it had
+    // go first, so that it is never listed twice.
     void AddEmptyFile(const ChunkFile& file);
     // All files, in one transaction.
     void AddEmptyFiles(const std::vector<ChunkFile>& files);
@@ -63,16 +65,16 @@ class TrackDB {
     void Remove(const ChunkFile& file);
     // In one transaction: the file's chunk rows go, it becomes an empty file.
     void RemoveAndAddAsEmptyFile(const ChunkFile& file);
-    // In one transaction, per file: its empty-file row when it is flagged as
-    // empty, else its chunk rows.
+    // In one transaction, per file: every row of the file, empty-file row and
+    // chunk rows, whatever its empty-file flag says.
     void RemoveFiles(const std::vector<ChunkFile>& files);
     // In one transaction, per file: its chunk rows go, it becomes an empty
     // file.
     void Clear(const std::vector<ChunkFile>& files);
-    // Saves one flushed batch in one transaction. The first chunk's file
-    // decides what is dropped first: its empty-file row when it is flagged
-    // as empty, else its old chunk rows (the file is being recycled). Does
-    // nothing for an empty batch.
+    // Saves one flushed batch in one transaction: the batch is the whole
+    // content of its first chunk's file, whose earlier rows (empty-file row,
+    // chunk rows) go first. The file's empty-file flag only names what is
+    // dropped in the log line. Does nothing for an empty batch.
     void SaveAndRemove(const std::vector<FileSystem::Chunk>& chunks);
 
     // Every chunk row, in the order SQLite returns them; chunk index 0,
@@ -95,6 +97,8 @@ class TrackDB {
     void Destroy();
 
   private:
+    // Deletes every row of the file: its empty-file row and its chunk rows.
+    void Forget(const ChunkFile& file);
     void CreateMissingTables();
     void CreateChunksTable();
     void CreateEmptyFilesTable();

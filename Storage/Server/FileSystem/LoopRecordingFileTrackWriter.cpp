@@ -29,6 +29,7 @@ LoopRecordingFileTrackWriter::LoopRecordingFileTrackWriter(long trackId,
       cache_(cache),
       logger_(tav::mr::logging::LoggingManager::GetLogger("LoopRecordingFileTrackWriter")),
       trackLock_(std::make_unique<TrackLock>(trackId)) {
+    manager_.BeginWriting();
     cache_.SetTrackId(trackId_);
     cache_.SetCacheSizeInBytes(kWriterCacheBytes);
     cache_.SetChunkFlusher(this);
@@ -77,6 +78,7 @@ LoopRecordingFileTrackWriter::~LoopRecordingFileTrackWriter() {
         // The track stays active: the next start checks its last file.
         MR_LOG(logger_, 50, "T" << trackId_ << ": could not save the last file: " << e.what());
     }
+    manager_.EndWriting();
     MR_LOG(logger_, 30,
            "T" << trackId_ << ": Stopping chunkCache and delete writer " << this << ", "
                << flushedChunks_ << " chunks were appended for a total size of "
@@ -174,6 +176,7 @@ FileSystem::Chunk LoopRecordingFileTrackWriter::Flush(
         if (cacheIsWaiting_)
             MR_LOG(logger_, 30, "About to Append chunk at " << t);
         FileSystem::Chunk record = manager_.Append(t, duration, size);
+        LOOPSTORE_SYNC_POINT("LoopRecordingFileTrackWriter::Flush:Placed");
         if (Milliseconds(timer) > 20) {
             MR_LOG(logger_, 40,
                    "T" << trackId_ << ": Manager took " << Milliseconds(timer) << "ms for chunk "
@@ -201,29 +204,12 @@ std::string LoopRecordingFileTrackWriter::FileNameOf(const FileSystem::Chunk& re
     return record.location.file.GetAbsoluteFileName(trackDirectory_, false);
 }
 
-std::vector<FileSystem::Chunk> LoopRecordingFileTrackWriter::StillIndexed(
-    const std::vector<FileSystem::Chunk>& chunks) {
-    // The service may clear or shrink the track while it is written: a block
-    // it took away must not come back through the database. Blocks go whole,
-    // so the file's chunks are all still indexed, or none is.
-    if (chunks.empty())
-        return chunks;
-    const FileSystem::Chunk& first = chunks.front();
-    auto handle = manager_.Lookup(first.timepoint);
-    if (handle && handle->GetChunk().location == first.location)
-        return chunks;
-    MR_LOG(logger_, 40,
-           "T" << trackId_ << ": the chunks of " << first.location.file
-               << " left the index while written; they are not saved");
-    return {};
-}
-
 void LoopRecordingFileTrackWriter::SaveCurrentFile() {
     // The finished file is durable before the database says its chunks exist.
     if (saveOnFile_ && !appender_->GetNoFlush())
         appender_->Sync();
     LOOPSTORE_SYNC_POINT("LoopRecordingFileTrackWriter::SaveCurrentFile:Saving");
-    manager_.SaveAndRemove(StillIndexed(currentFileChunks_));
+    manager_.SaveAndRemove(currentFileChunks_);
     LOOPSTORE_SYNC_POINT("LoopRecordingFileTrackWriter::SaveCurrentFile:Saved");
 }
 

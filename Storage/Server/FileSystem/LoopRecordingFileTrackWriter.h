@@ -76,7 +76,6 @@ class LoopRecordingFileTrackWriter : public MoreldStorageApi::ITrackWriter, publ
     void FinishFile(const FileSystem::Chunk& record);
     void OpenFirstFile(const FileSystem::Chunk& record);
     void SaveCurrentFile();
-    std::vector<FileSystem::Chunk> StillIndexed(const std::vector<FileSystem::Chunk>& chunks);
     void HandleCurrentFileChunks();
     void DropRecycledCurrentFile();
     std::string FileNameOf(const FileSystem::Chunk& record) const;

@@ -266,6 +266,29 @@ TEST(DataChunkFileAppender, AppendAtOffsetMustBeTheTailOrTheFirstRecord) {
     EXPECT_EQ(TimePointsOnDisk(path), SecondsSet({1, 2, 3}));
 }
 
+TEST(DataChunkFileAppender, AppendAtTheEndOfAnEarlierRecordCutsTheRecordsAfterIt) {
+    TempDir dir;
+    const std::string path = dir / "f";
+    CreatePreallocatedFile(path, kFileSize);
+    const std::vector<DataChunk> chunks = WriteChunks(path, 3, 100);
+    const uint64_t firstEnd = 16 + chunks[0].GetSizeOnFile();
+    DataChunkFileAppender appender(path, true, kFileSize);
+    // Inside a record: refused, nothing written.
+    const std::string before = ReadWholeFile(path);
+    EXPECT_FALSE(appender.Append(MakeChunk(4, 100), firstEnd + 10));
+    EXPECT_EQ(ReadWholeFile(path), before);
+    EXPECT_EQ(appender.GetTimePoints(), SecondsSet({1, 2, 3}));
+    // At the end of the first record: records 2 and 3 leave the generation,
+    // even where the new record ends right where an old one began.
+    const DataChunk replacement = MakeChunk(4, chunks[1].GetDataSize(), {{"n", "2"}});
+    ASSERT_EQ(replacement.GetSizeOnFile(), chunks[1].GetSizeOnFile());
+    EXPECT_TRUE(appender.Append(replacement, firstEnd));
+    EXPECT_EQ(appender.GetTimePoints(), SecondsSet({1, 4}));
+    EXPECT_EQ(appender.GetTail(), firstEnd + replacement.GetSizeOnFile());
+    EXPECT_TRUE(appender.Append(MakeChunk(5, 100), appender.GetTail()));
+    EXPECT_EQ(TimePointsOnDisk(path), SecondsSet({1, 4, 5}));
+}
+
 TEST(DataChunkFileAppender, OpensOnlyExistingFilesAndKeepsTheNoFlushFlag) {
     TempDir dir;
     try {

@@ -5,6 +5,7 @@
 #include "Platform/File/DataChunkFileAppender.h"
 #include "Platform/File/DataChunkFileReader.h"
 #include "Platform/Logging/LogCapture.h"
+#include "Platform/SQLite/Database.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 #include "tests/Storage/Indexes/Ram/TrackFixture.h"
 
@@ -94,10 +95,10 @@ TEST(LoopRecordingRecovery, PowerFailureDropsNewestBlocksTheFilesDoNotHold) {
     auto fileOf = [&](int blockIndex) {
         return track.Files()[blockIndex].GetAbsoluteFileName(track.Root(), false);
     };
-    // Newest block: its last record torn. Second newest: a new generation was
+    // Newest block: its first record torn. Second newest: a new generation was
     // begun (header rewritten) but its first record never made it, so the
     // file's records are all of an older generation. Third newest: intact.
-    CorruptByte(fileOf(4), 16 + 300 + 300 + 100);
+    CorruptByte(fileOf(4), 16 + 100);
     {
         Moreld::File::DataChunkFileAppender appender(fileOf(3), false, 1000);
         ASSERT_TRUE(appender.Append(ChunkWriter::MakeChunk(Sec(100), Sec(1), 300), 16));
@@ -176,4 +177,70 @@ TEST(LoopRecordingRecovery, FilesGivenBackDuringTheRunLeaveTheIndexAfterARestart
     EXPECT_TRUE(m->GetEmptyFiles().empty());
     EXPECT_EQ(m->GetMaxTrackSize(), 1000u);
     ExpectChunksReadable(*m, track.Root());
+}
+
+TEST(LoopRecordingRecovery, PowerFailureKeepsTheListedChunksThatReadBack) {
+    TrackFixture track(5, 3, 1000);
+    {
+        auto m = track.NewManagerWithFiles();
+        WriteChunks(*m, track.Root(), 0, 6);  // two full blocks
+    }
+    // The newest block's last record is torn: its first two chunks stay.
+    const std::string newestFile = track.Files()[1].GetAbsoluteFileName(track.Root(), false);
+    CorruptByte(newestFile, 16 + 300 + 300 + 100);
+    LogCapture log("LoopRecordingFileManager");
+    auto m = track.OpenManager();
+    m->HandlePowerFailure(track.Root());
+    EXPECT_TRUE(
+        log.Contains("T5: Block at 1970-01-01T00:00:03.000000000Z has 3 chunks while its "
+                     "file"));
+    EXPECT_TRUE(log.Contains("T5: Chunk at 1970-01-01T00:00:05.000000000Z is not present in file"));
+    EXPECT_TRUE(
+        log.Contains("T5: 2 of the 3 chunks of block at 1970-01-01T00:00:03.000000000Z are "
+                     "kept in file"));
+    EXPECT_FALSE(log.Contains("is put back as empty file"));
+    ASSERT_EQ(m->GetBlocks().size(), 2u);
+    EXPECT_EQ(m->GetBlocks().rbegin()->second.GetChunkNumber(), 2u);
+    EXPECT_EQ(m->GetEndOfTrack(), Sec(5));
+    EXPECT_EQ(m->GetTrackSize(), 5 * 300u);
+    EXPECT_EQ(m->GetNumberOfChunks(Sec(0), Sec(100)), 5u);
+    ExpectChunksReadable(*m, track.Root());
+
+    // The database keeps the same chunks, and the file goes on over the torn
+    // record.
+    auto reopened = track.OpenManager();
+    EXPECT_EQ(Summarize(*reopened).chunks, Summarize(*m).chunks);
+    WriteChunks(*reopened, track.Root(), 5, 2);
+    EXPECT_EQ(reopened->GetBlocks().size(), 3u);
+    ExpectChunksReadable(*reopened, track.Root());
+    auto again = track.OpenManager();
+    EXPECT_EQ(again->GetNumberOfChunks(Sec(0), Sec(100)), 7u);
+    ExpectChunksReadable(*again, track.Root());
+}
+
+TEST(LoopRecordingRecovery, AFileListedTwiceInAnOlderDatabaseCountsOnce) {
+    TrackFixture track(7, 3, 1000);
+    {
+        auto m = track.NewManagerWithFiles();
+        WriteChunks(*m, track.Root(), 0, 3);  // block on file 1; files 2 and 3 empty
+    }
+    {
+        // Rows an earlier version could leave: file 2 listed twice as empty,
+        // file 1 listed as empty besides its chunks.
+        Moreld::SQLite::Database raw;
+        ASSERT_TRUE(raw.Open(track.DbDir() + "/7.db"));
+        raw.Execute("INSERT INTO emptyFiles SELECT * FROM emptyFiles WHERE fileNumber = 2", false);
+        raw.Execute("INSERT INTO emptyFiles VALUES (1, 8, 1000, 7)", false);
+    }
+    LogCapture log("LoopRecordingFileManager");
+    auto m = track.OpenManager();
+    EXPECT_EQ(log.Count("is listed more than once in the database; it is counted once"), 2u);
+    EXPECT_EQ(m->GetEmptyFiles().size(), 2u);
+    EXPECT_EQ(m->GetBlocks().size(), 1u);
+    EXPECT_EQ(m->GetMaxTrackSize(), 3000u);
+    // The rows agree again: a second load finds nothing to say.
+    log.Clear();
+    auto again = track.OpenManager();
+    EXPECT_FALSE(log.Contains("is listed more than once"));
+    EXPECT_EQ(again->GetMaxTrackSize(), 3000u);
 }

@@ -55,6 +55,13 @@ FileSystem::Chunk ChunkWriter::Write(Moreld::Time::TimePoint tp, Moreld::Time::T
         appender_ = std::make_unique<Moreld::File::DataChunkFileAppender>(
             record.location.file.GetAbsoluteFileName(root_, false), record.location.chunkIndex != 0,
             static_cast<uint64_t>(record.location.file.Size()));
+        // A continued file is saved whole, its earlier chunks with the new.
+        if (record.location.chunkIndex != 0) {
+            for (const Moreld::Time::TimePoint& t : appender_->GetTimePoints()) {
+                if (auto handle = manager_.Lookup(t))
+                    current_.push_back(handle->GetChunk());
+            }
+        }
     }
     EXPECT_TRUE(appender_->Append(data, record.location.offset)) << record;
     current_.push_back(record);

@@ -203,6 +203,34 @@ TEST_F(TrackDBTest, SaveAndRemoveDropsWhatTheFirstFileFlagSays) {
     EXPECT_EQ(EmptyFileNumbers(), std::set<long>{2});
 }
 
+// Rows per file, whatever their kind: a file must be listed once only,
+// as empty or by the chunks of one block.
+TEST_F(TrackDBTest, AFileIsNeverListedTwiceWhateverItsFlagSays) {
+    auto rowsOf = [&](long number) {
+        const std::string n = std::to_string(number);
+        return Column("SELECT COUNT(*) FROM emptyFiles WHERE fileNumber = " + n).at(0) + "/" +
+               Column("SELECT COUNT(*) FROM chunks WHERE fileNumber = " + n).at(0);
+    };
+    db_.AddEmptyFiles({File(1, true), File(2, true)});
+    // A block opened on file 1 was never saved: recycling or clearing it
+    // lists it as empty again, once.
+    db_.RemoveAndAddAsEmptyFile(File(1, false));
+    db_.Clear({File(1, false)});
+    db_.AddEmptyFile(File(1, true));
+    EXPECT_EQ(rowsOf(1), "1/0");
+    // Its chunks, saved under either flag, replace the empty-file row.
+    db_.SaveAndRemove({ChunkAt(100, File(1, false)), ChunkAt(110, File(1, false), 116)});
+    EXPECT_EQ(rowsOf(1), "0/2");
+    db_.AddEmptyFile(File(1, true));
+    db_.SaveAndRemove({ChunkAt(200, File(1, true))});
+    EXPECT_EQ(rowsOf(1), "0/1");
+    // Giving back a file whose block was never saved: its empty-file row
+    // goes even though the block's file is not flagged as empty.
+    db_.RemoveFiles({File(2, false), File(1, true)});
+    EXPECT_EQ(rowsOf(2), "0/0");
+    EXPECT_EQ(rowsOf(1), "0/0");
+}
+
 TEST_F(TrackDBTest, RemoveFilesClearAndRemoveAndAddAsEmptyFile) {
     db_.AddEmptyFiles({File(1, true), File(2, true)});
     db_.SaveAndRemove({ChunkAt(100, File(3, false)), ChunkAt(110, File(3, false), 116)});

@@ -7,7 +7,9 @@
 #include <random>
 #include <thread>
 
+#include "Platform/Logging/LogCapture.h"
 #include "Platform/Tools/SyncPoint.h"
+#include "Storage/Indexes/SQLite/TrackDB.h"
 #include "Storage/Server/FileSystem/ChunkCacheTrackReader.h"
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriter.h"
 #include "tests/Storage/Server/FileSystem/TrackIoFixture.h"
@@ -16,6 +18,7 @@ using loopstore::test::MakeChunkMessage;
 using loopstore::test::PayloadFor;
 using loopstore::test::TrackIo;
 using Moreld::Tools::SyncPoint;
+using tav::mr::logging::LogCapture;
 
 namespace {
 
@@ -102,6 +105,53 @@ void RunRound(TrackIo& io, unsigned seed, CrashPlan plan) {
     ExpectTrackIntact(io);
 }
 
+// Dies at the `occurrence`th time the process reaches `point`.
+void KillAt(const char* point, int occurrence) {
+    auto count = std::make_shared<int>(0);
+    SyncPoint::Instance().SetCallback(point, [count, occurrence] {
+        if (++*count == occurrence)
+            raise(SIGKILL);
+    });
+}
+
+// Appends `count` chunks of `size` payload bytes, one second each, from `t`
+// on, through one writer that is then destroyed (a clean close, unless the
+// process dies first). Returns the end of the last chunk.
+int64_t WriteWithOneWriter(TrackIo& io, int64_t t, int count, size_t size) {
+    LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+    writer.SetTrackDirectory(io.Root());
+    for (int i = 0; i < count; ++i, t += kSecond) {
+        Protocol::Chunk chunk = MakeChunkMessage(t, kSecond, size);
+        writer.Append(chunk);
+    }
+    return t;
+}
+
+// Runs `child` in a child process that must die of SIGKILL, then reloads
+// the track as the next start does.
+template <typename Child>
+void CrashInChild(TrackIo& io, Child child) {
+    io.Close();
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        io.Restart();
+        child();
+        _exit(3);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "child exited with " << status;
+    io.Restart();
+}
+
+size_t ChunkCount(LoopRecordingFileManager& manager) {
+    size_t chunks = 0;
+    for (const auto& [key, block] : manager.GetBlocks())
+        chunks += block.GetChunkNumber();
+    return chunks;
+}
+
 }  // namespace
 
 TEST(TrackWriterCrash, EveryIndexedChunkSurvivesAKillAtAnyMoment) {
@@ -132,4 +182,58 @@ TEST(TrackWriterCrash, EveryIndexedChunkSurvivesAKillAtAnyMoment) {
     io.Restart();
     ExpectTrackIntact(io);
     EXPECT_EQ(io.Manager().GetEndOfTrack().ToNanoseconds(), t);
+}
+
+TEST(TrackWriterCrash, AContinuedFileKeepsItsSavedChunksAfterAKill) {
+    TrackIo io(22, 3, 64 * 1024);
+    LogCapture log("LoopRecordingFileManager");
+    CrashInChild(io, [&] {
+        // The first writer closes cleanly inside its file: 25 chunks listed.
+        const int64_t end = WriteWithOneWriter(io, kSecond, 25, 1000);
+        // The next one continues that file and dies after 5 more records.
+        KillAt("LoopRecordingFileTrackWriter::WriteChunk:Written", 5);
+        WriteWithOneWriter(io, end, 20, 1000);
+    });
+    EXPECT_TRUE(log.Contains("T22: Power failure detected"));
+    EXPECT_TRUE(log.Contains("has 25 chunks while its file"));
+    EXPECT_TRUE(log.Contains("25 of the 25 chunks of block at"));
+    EXPECT_FALSE(log.Contains("is put back as empty file"));
+    EXPECT_EQ(ChunkCount(io.Manager()), 25u);
+    EXPECT_EQ(io.Manager().GetEndOfTrack().ToNanoseconds(), 26 * kSecond);
+    ExpectTrackIntact(io);
+
+    // The file goes on after its saved chunks, over the records the index
+    // dropped, and everything holds across a clean restart.
+    WriteWithOneWriter(io, 26 * kSecond, 10, 1000);
+    io.Restart();
+    EXPECT_EQ(ChunkCount(io.Manager()), 35u);
+    EXPECT_EQ(io.Manager().GetBlocks().size(), 1u);
+    ExpectTrackIntact(io);
+}
+
+TEST(TrackWriterCrash, AOneFileTrackKilledAfterRecyclingListsItsFileOnce) {
+    TrackIo io(23, 1, 16 * 1024);
+    CrashInChild(io, [&] {
+        // Five chunks fill the file; the sixth recycles it. Die once the
+        // database has forgotten the old block, before anything is saved.
+        KillAt("LoopRecordingFileManager::ForgetRecycledFile:Committed", 1);
+        WriteWithOneWriter(io, kSecond, 20, 3000);
+    });
+    EXPECT_EQ(io.Manager().GetMaxTrackSize(), 16u * 1024);
+    ASSERT_EQ(io.Manager().GetEmptyFiles().size(), 1u);
+    EXPECT_TRUE(io.Manager().GetBlocks().empty());
+    io.Close();
+    TrackDB db;
+    ASSERT_TRUE(db.Open(io.DbDir(), io.TrackId()));
+    EXPECT_EQ(db.GetAllEmptyFiles().size(), 1u);
+    EXPECT_TRUE(db.GetAllChunks().empty());
+
+    // The track records into its one file again, and a clean stop saves it.
+    io.Restart();
+    WriteWithOneWriter(io, 30 * kSecond, 3, 3000);
+    io.Restart();
+    EXPECT_EQ(io.Manager().GetMaxTrackSize(), 16u * 1024);
+    EXPECT_TRUE(io.Manager().GetEmptyFiles().empty());
+    EXPECT_EQ(ChunkCount(io.Manager()), 3u);
+    ExpectTrackIntact(io);
 }
