@@ -28,12 +28,7 @@ struct Args {
 
 void Export(const ClientCommand<Args>& c) {
     const Args& a = c.extra;
-    const TimePoint now = TimePoint::Now();
-    const TimePoint from = TimeParser::ParseInstant(a.from, now);
-    const TimePoint to = TimeParser::ParseInstant(a.to, now);
-    if (to <= from)
-        throw CliError("bad time range: --to " + to.ToString() + " is not after --from " +
-                       from.ToString());
+    const auto [from, to] = TimeParser::ParseRange(a.from, a.to, TimePoint::Now());
     auto client = c.client.Connect();
     client->RequireTrack(a.track);
     std::ofstream file;

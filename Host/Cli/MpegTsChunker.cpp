@@ -87,11 +87,29 @@ bool MpegTsChunker::Resync(bool atEnd) {
 }
 
 void MpegTsChunker::TakePacket(std::string_view packet) {
-    if (const auto pcr = PacketPcr(packet))
+    const std::optional<int64_t> pcr = PacketPcr(packet);
+    if (pcr)
         OnPcr(*pcr);
+    // The clock may stop, repeat itself or move to another stream: the size
+    // limit holds all the same.
+    if (current_.size() + packet.size() > maxSize_)
+        CutBySize();
+    if (pcr)
+        lastPcr_ = pcr;
     current_.append(packet);
     if (!pcrPid_ && current_.size() >= maxSize_)
         Emit(targetDuration_);
+}
+
+void MpegTsChunker::CutBySize() {
+    if (chunkStartPcr_ && lastPcr_ && *lastPcr_ > *chunkStartPcr_) {
+        Emit(TimePoint::FromNanoseconds(*lastPcr_ - *chunkStartPcr_));
+        chunkStartPcr_ = lastPcr_;
+        return;
+    }
+    Emit(targetDuration_);
+    chunkStartPcr_.reset();
+    lastPcr_.reset();
 }
 
 std::optional<int64_t> MpegTsChunker::PacketPcr(std::string_view p) {

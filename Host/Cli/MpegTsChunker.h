@@ -21,6 +21,11 @@ namespace loopstore::cli {
 // duration. A PCR that jumps back or more than 10 s ahead is a discontinuity:
 // the chunk before it gets the nominal duration.
 //
+// No chunk is ever larger than `maxSize` (rounded down to whole packets),
+// whatever the clock does: a chunk that fills up before a PCR ends it is cut
+// there and lasts until the last PCR it holds, or the nominal duration when
+// the clock did not move in it (the clock then starts again at the next PCR).
+//
 // Bytes that are not on a packet boundary (a damaged or truncated stream) are
 // skipped until two sync bytes 188 bytes apart are found again, and counted.
 //
@@ -53,6 +58,8 @@ class MpegTsChunker {
     // The packet's PCR in nanoseconds when it carries one on the PCR stream.
     std::optional<int64_t> PacketPcr(std::string_view packet);
     void OnPcr(int64_t pcrNs);
+    // Ends the current chunk because the next packet would not fit.
+    void CutBySize();
     void Emit(TimePoint duration);
 
     const TimePoint targetDuration_;
@@ -63,6 +70,7 @@ class MpegTsChunker {
     // False after bytes were skipped, until a boundary is confirmed.
     bool inStep_ = true;
     std::optional<int64_t> chunkStartPcr_;
+    std::optional<int64_t> lastPcr_;  // the latest PCR since chunkStartPcr_
     std::optional<int> pcrPid_;
     std::deque<SourceChunk> ready_;
     uint64_t skipped_ = 0;

@@ -38,12 +38,8 @@ void ProtectionCommands::AddProtect(CLI::App& app) {
     cmd->add_option("--to", c->extra.to, "End, after the start (same forms)")->required();
     c->client.AddTo(*cmd);
     cmd->callback([c] {
-        const TimePoint now = TimePoint::Now();
-        const TimePoint from = TimeParser::ParseInstant(c->extra.from, now);
-        const TimePoint to = TimeParser::ParseInstant(c->extra.to, now);
-        if (to <= from)
-            throw CliError("bad time range: --to " + to.ToString() + " is not after --from " +
-                           from.ToString());
+        const auto [from, to] =
+            TimeParser::ParseRange(c->extra.from, c->extra.to, TimePoint::Now());
         auto client = c->client.Connect();
         client->RequireTrack(c->extra.id);
         const int64_t protection = client->Protect(c->extra.id, from, to - from);

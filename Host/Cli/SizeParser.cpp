@@ -3,12 +3,16 @@
 #include <cctype>
 #include <cmath>
 #include <limits>
+#include <stdexcept>
+#include <string>
 
 #include "Host/Cli/CliError.h"
 
 namespace loopstore::cli {
 
 namespace {
+
+constexpr uint64_t kLargest = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
 
 [[noreturn]] void BadSize(const std::string& whole, const std::string& why) {
     throw CliError("bad size '" + whole + "': " + why +
@@ -33,8 +37,9 @@ uint64_t SizeParser::ParseSize(const std::string& text) {
         BadSize(text, "too large");
     const uint64_t number = std::stoull(text.substr(0, digits));
     const uint64_t multiplier = SuffixMultiplier(text.substr(digits), text);
-    if (number > std::numeric_limits<uint64_t>::max() / multiplier)
-        BadSize(text, "too large");
+    // Sizes travel as signed 64-bit integers (the storage API's `long`).
+    if (number > kLargest / multiplier)
+        BadSize(text, "too large (at most " + std::to_string(kLargest) + " bytes)");
     return number * multiplier;
 }
 
@@ -42,8 +47,6 @@ int64_t SizeParser::ParseSignedSize(const std::string& text) {
     const bool negative = !text.empty() && text[0] == '-';
     const bool sign = !text.empty() && (text[0] == '-' || text[0] == '+');
     const uint64_t magnitude = ParseSize(sign ? text.substr(1) : text);
-    if (magnitude > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()))
-        BadSize(text, "too large");
     const auto value = static_cast<int64_t>(magnitude);
     return negative ? -value : value;
 }
@@ -65,7 +68,12 @@ uint64_t SizeParser::ParseBitRate(const std::string& text) {
                          rest.find('.') == rest.rfind('.') && rest != ".";
     if (!numeric)
         throw CliError("bad bit rate '" + text + "' (expected e.g. 4M, 500k, 2500000)");
-    const long double bits = std::stold(rest) * multiplier;
+    long double bits = 0;
+    try {
+        bits = std::stold(rest) * multiplier;
+    } catch (const std::out_of_range&) {
+        bits = -1;  // beyond a long double: out of range below
+    }
     if (bits < 1 || bits > 1e15L)
         throw CliError("bad bit rate '" + text + "': out of range");
     return static_cast<uint64_t>(std::llroundl(bits));

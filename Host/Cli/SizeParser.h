@@ -9,7 +9,8 @@ namespace loopstore::cli {
 //
 // Sizes: a whole number with an optional suffix. K, M, G, T (and KiB, MiB,
 // GiB, TiB) are powers of 1024, as file and pool sizes usually are; KB, MB,
-// GB, TB are powers of 1000; B is bytes. "16M" is 16777216.
+// GB, TB are powers of 1000; B is bytes. "16M" is 16777216. At most 2^63 - 1,
+// since sizes travel as signed 64-bit integers.
 // Bit rates: a number (fraction allowed) with an optional k, M or G suffix,
 // powers of 1000 as bit rates are counted ("4M" is 4000000 bit/s); a trailing
 // "bps" or "b/s" is accepted.

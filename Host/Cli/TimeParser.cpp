@@ -15,6 +15,16 @@ namespace {
                    " (expected e.g. 40ms, 1.5s, 2m, 1h30m; units ns, us, ms, s, m, h)");
 }
 
+// A number of digits with at most one '.'; one too long for a long double
+// is out of range like any other too large duration.
+long double Number(const std::string& digits, const std::string& whole) {
+    try {
+        return std::stold(digits);
+    } catch (const std::out_of_range&) {
+        BadDuration(whole, "out of range");
+    }
+}
+
 }  // namespace
 
 TimeParser::TimePoint TimeParser::ParseInstant(const std::string& text, TimePoint now) {
@@ -23,11 +33,13 @@ TimeParser::TimePoint TimeParser::ParseInstant(const std::string& text, TimePoin
     if (text.empty())
         throw CliError("bad time '': empty");
     if (text[0] == '+' || text[0] == '-') {
+        TimePoint offset;
         try {
-            return now + ParseSignedDuration(text);
+            offset = ParseSignedDuration(text);
         } catch (const CliError& e) {
             throw CliError("bad time '" + text + "': " + e.what());
         }
+        return Shift(now, offset, text);
     }
     if (text.size() > 2 && text.compare(text.size() - 2, 2, "ns") == 0 &&
         text.find_first_not_of("0123456789") == text.size() - 2) {
@@ -39,11 +51,24 @@ TimeParser::TimePoint TimeParser::ParseInstant(const std::string& text, TimePoin
     }
     try {
         return TimePoint::FromString(text);
-    } catch (const std::exception&) {
-        throw CliError("bad time '" + text +
-                       "' (expected an ISO-8601 instant such as 2026-11-21T04:33:00Z, now, "
+    } catch (const std::exception& e) {
+        throw CliError("bad time '" + text + "': " + e.what() +
+                       " (expected an ISO-8601 instant such as 2026-11-21T04:33:00Z, now, "
                        "-10m, +30s or 123ns)");
     }
+}
+
+TimeParser::Range TimeParser::ParseRange(const std::string& from, const std::string& to,
+                                         TimePoint now) {
+    const Range range{ParseInstant(from, now), ParseInstant(to, now)};
+    if (range.to <= range.from)
+        throw CliError("bad time range: --to " + range.to.ToString() + " is not after --from " +
+                       range.from.ToString());
+    int64_t length = 0;
+    if (__builtin_sub_overflow(range.to.ToNanoseconds(), range.from.ToNanoseconds(), &length))
+        throw CliError("bad time range: " + range.from.ToString() + " .. " + range.to.ToString() +
+                       " is longer than about 292 years");
+    return range;
 }
 
 TimeParser::TimePoint TimeParser::ParseDuration(const std::string& text) {
@@ -80,7 +105,7 @@ long double TimeParser::ParseTerms(const std::string& text, const std::string& w
         while (i < text.size() && std::isalpha(static_cast<unsigned char>(text[i])))
             ++i;
         const std::string unit = text.substr(unitStart, i - unitStart);
-        total += std::stold(number) * UnitNanoseconds(unit, whole);
+        total += Number(number, whole) * UnitNanoseconds(unit, whole);
     }
     return total;
 }
@@ -106,6 +131,14 @@ TimeParser::TimePoint TimeParser::ToTimePoint(long double ns, const std::string&
     if (!(std::fabs(ns) < 9.2e18L))
         BadDuration(whole, "out of range");
     return TimePoint::FromNanoseconds(static_cast<int64_t>(std::llroundl(ns)));
+}
+
+TimeParser::TimePoint TimeParser::Shift(TimePoint now, TimePoint offset, const std::string& whole) {
+    int64_t ns = 0;
+    if (__builtin_add_overflow(now.ToNanoseconds(), offset.ToNanoseconds(), &ns))
+        throw CliError("bad time '" + whole + "': " + now.ToString() + " " + whole +
+                       " is out of range (instants run from 1677 to 2262)");
+    return TimePoint::FromNanoseconds(ns);
 }
 
 }  // namespace loopstore::cli

@@ -14,6 +14,9 @@ namespace loopstore::cli {
 // Durations: one or more <number><unit> terms, units ns, us, ms, s, m, h;
 // the number may have a decimal fraction ("1.5s", "1m30s", "40ms").
 //
+// Every value must fit a TimePoint (64-bit nanoseconds: instants from 1677 to
+// 2262, durations up to about 292 years), relative instants included.
+//
 // Stateless; every function is thread-safe. Errors throw CliError naming the
 // text that could not be read.
 class TimeParser {
@@ -29,11 +32,21 @@ class TimeParser {
     // A duration of any sign, with an optional leading '+' or '-'.
     static TimePoint ParseSignedDuration(const std::string& text);
 
+    // A time range [from, to) of the command line (--from, --to): `to` must
+    // come after `from`, and the range's length must fit a TimePoint too.
+    struct Range {
+        TimePoint from;
+        TimePoint to;
+    };
+    static Range ParseRange(const std::string& from, const std::string& to, TimePoint now);
+
   private:
     // Nanoseconds of `text` (terms only, no sign); throws on anything else.
     static long double ParseTerms(const std::string& text, const std::string& whole);
     static long double UnitNanoseconds(const std::string& unit, const std::string& whole);
     static TimePoint ToTimePoint(long double ns, const std::string& whole);
+    // now + offset, refused when it leaves the TimePoint range.
+    static TimePoint Shift(TimePoint now, TimePoint offset, const std::string& whole);
 };
 
 }  // namespace loopstore::cli

@@ -1,6 +1,7 @@
 #include "Platform/Time/TimePoint.h"
 
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <ostream>
@@ -36,20 +37,45 @@ int64_t DaysFromCivil(int64_t y, unsigned m, unsigned d) {
     throw std::invalid_argument("Not an ISO-8601 time point: \"" + text + "\"");
 }
 
+bool IsLeapYear(int64_t y) {
+    return y % 4 == 0 && (y % 100 != 0 || y % 400 == 0);
+}
+
+int64_t DaysInMonth(int64_t year, int64_t month) {
+    static constexpr int64_t kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    return month == 2 && IsLeapYear(year) ? 29 : kDays[month - 1];
+}
+
+// Nanoseconds of a whole second count and a fraction, or an exception when the
+// instant lies outside what 64 bits of nanoseconds can hold (about 1677 to 2262).
+int64_t CheckedNanoseconds(const std::string& text, int64_t seconds, int64_t fraction) {
+    const __int128 ns = static_cast<__int128>(seconds) * kNanosPerSecond + fraction;
+    if (ns < INT64_MIN || ns > INT64_MAX) {
+        throw std::invalid_argument("Time point \"" + text +
+                                    "\" is out of range: instants run from " +
+                                    TimePoint::FromNanoseconds(INT64_MIN).ToString() + " to " +
+                                    TimePoint::FromNanoseconds(INT64_MAX).ToString());
+    }
+    return static_cast<int64_t>(ns);
+}
+
 // Reads exactly `count` digits at `pos`.
 int64_t Digits(const std::string& text, size_t& pos, size_t count) {
-    if (pos + count > text.size()) BadTime(text);
+    if (pos + count > text.size())
+        BadTime(text);
     int64_t value = 0;
     for (size_t i = 0; i < count; ++i, ++pos) {
         char c = text[pos];
-        if (c < '0' || c > '9') BadTime(text);
+        if (c < '0' || c > '9')
+            BadTime(text);
         value = value * 10 + (c - '0');
     }
     return value;
 }
 
 void Expect(const std::string& text, size_t& pos, char c) {
-    if (pos >= text.size() || text[pos] != c) BadTime(text);
+    if (pos >= text.size() || text[pos] != c)
+        BadTime(text);
     ++pos;
 }
 
@@ -96,7 +122,8 @@ TimePoint TimePoint::FromString(const std::string& text) {
     int64_t minute = Digits(text, pos, 2);
     Expect(text, pos, ':');
     int64_t second = Digits(text, pos, 2);
-    if (month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 || second > 60) {
+    if (month < 1 || month > 12 || day < 1 || day > DaysInMonth(year, month) || hour > 23 ||
+        minute > 59 || second > 60) {
         BadTime(text);
     }
     int64_t fraction = 0;
@@ -104,12 +131,15 @@ TimePoint TimePoint::FromString(const std::string& text) {
         ++pos;
         size_t digits = 0;
         while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9') {
-            if (digits < 9) fraction = fraction * 10 + (text[pos] - '0');
+            if (digits < 9)
+                fraction = fraction * 10 + (text[pos] - '0');
             ++digits;
             ++pos;
         }
-        if (digits == 0) BadTime(text);
-        for (; digits < 9; ++digits) fraction *= 10;
+        if (digits == 0)
+            BadTime(text);
+        for (; digits < 9; ++digits)
+            fraction *= 10;
     }
     int64_t offsetSeconds = 0;
     if (pos < text.size() && text[pos] == 'Z') {
@@ -124,12 +154,15 @@ TimePoint TimePoint::FromString(const std::string& text) {
     } else {
         BadTime(text);
     }
-    if (pos != text.size()) BadTime(text);
+    if (pos != text.size())
+        BadTime(text);
     int64_t days = DaysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(day));
     int64_t seconds = days * 86400 + hour * 3600 + minute * 60 + second - offsetSeconds;
-    return TimePoint(seconds * kNanosPerSecond + fraction);
+    return TimePoint(CheckedNanoseconds(text, seconds, fraction));
 }
 
-std::ostream& operator<<(std::ostream& os, const TimePoint& tp) { return os << tp.ToString(); }
+std::ostream& operator<<(std::ostream& os, const TimePoint& tp) {
+    return os << tp.ToString();
+}
 
 }  // namespace Moreld::Time

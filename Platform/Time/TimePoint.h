@@ -15,7 +15,7 @@ namespace Moreld::Time {
 //   ToDurationString(): seconds with a 9-digit fraction, "-1.500000000s"
 // The stream operator writes ToString().
 class TimePoint {
-public:
+  public:
     constexpr TimePoint() = default;
 
     static constexpr TimePoint FromNanoseconds(int64_t ns) { return TimePoint(ns); }
@@ -26,7 +26,9 @@ public:
 
     // Parses the ToString() form; also accepts fewer fraction digits, no
     // fraction, and a "+hh:mm" / "-hh:mm" offset instead of "Z". Throws
-    // std::invalid_argument with the text on anything else.
+    // std::invalid_argument with the text on anything else, including a day
+    // the month does not have and an instant outside the range of 64-bit
+    // nanoseconds (1677-09-21T00:12:43.145224192Z to 2262-04-11T23:47:16.854775807Z).
     static TimePoint FromString(const std::string& text);
 
     constexpr int64_t ToNanoseconds() const { return ns_; }
@@ -35,8 +37,12 @@ public:
     std::string ToDurationString() const;
 
     friend constexpr auto operator<=>(TimePoint, TimePoint) = default;
-    friend constexpr TimePoint operator+(TimePoint a, TimePoint b) { return TimePoint(a.ns_ + b.ns_); }
-    friend constexpr TimePoint operator-(TimePoint a, TimePoint b) { return TimePoint(a.ns_ - b.ns_); }
+    friend constexpr TimePoint operator+(TimePoint a, TimePoint b) {
+        return TimePoint(a.ns_ + b.ns_);
+    }
+    friend constexpr TimePoint operator-(TimePoint a, TimePoint b) {
+        return TimePoint(a.ns_ - b.ns_);
+    }
     constexpr TimePoint& operator+=(TimePoint o) {
         ns_ += o.ns_;
         return *this;
@@ -46,7 +52,7 @@ public:
         return *this;
     }
 
-private:
+  private:
     constexpr explicit TimePoint(int64_t ns) : ns_(ns) {}
     int64_t ns_ = 0;
 };

@@ -97,6 +97,55 @@ TEST(MpegTsChunkerTest, ClockPacesChunksAndDiscontinuityFallsBackToNominal) {
     EXPECT_EQ(chunks[3].duration, TimePoint::FromMilliseconds(40));
 }
 
+// Whatever the clock does (one PCR then none, one PCR value repeated, the
+// clock moving to another stream), no chunk outgrows the size limit and no
+// byte is lost.
+TEST(MpegTsChunkerTest, SizeLimitHoldsWhateverTheClockDoes) {
+    std::string onePcrThenNone = Packet(0x100, 'v', 1'000'000'000);
+    std::string samePcrRepeated, clockMoves;
+    for (int i = 0; i < 3000; ++i) {
+        onePcrThenNone += Packet(0x100, 'v');
+        samePcrRepeated += Packet(0x100, 'v', i % 3 == 0 ? 7'000'000 : std::optional<int64_t>());
+        const int64_t pcr = 1'000'000'000 + int64_t{i} * 1'000'000;
+        clockMoves += i < 10 ? Packet(0x100, 'v', pcr) : Packet(0x101, 'a', pcr);
+    }
+    for (const std::string* stream : {&onePcrThenNone, &samePcrRepeated, &clockMoves}) {
+        // 65536 bytes hold 348 whole packets.
+        MpegTsChunker chunker(TimePoint::FromMilliseconds(40), 65'536);
+        const auto chunks = Cut(*stream, chunker, 4096);
+        EXPECT_EQ(Joined(chunks), *stream);
+        EXPECT_GE(chunks.size(), stream->size() / 65'536);
+        for (const SourceChunk& c : chunks) {
+            EXPECT_LE(c.payload.size(), 348 * kPacket);
+            EXPECT_GT(c.duration, TimePoint());
+        }
+    }
+}
+
+// A chunk that fills up between two PCRs is cut there and lasts until the
+// last PCR it holds; the next one starts from that PCR, so durations still
+// add up to media time.
+TEST(MpegTsChunkerTest, ChunkCutBySizeLastsUntilItsLastPcr) {
+    // A PCR every 2 packets, 10 ms apart; 5 packets per chunk; 1 s target.
+    std::string stream;
+    for (int i = 0; i < 40; ++i)
+        stream += Packet(
+            0x100, 'v', i % 2 == 0 ? std::optional<int64_t>(int64_t{i} * 5'000'000) : std::nullopt);
+    MpegTsChunker chunker(TimePoint::FromSeconds(1), 5 * kPacket);
+    const auto chunks = Cut(stream, chunker, 1000);
+    EXPECT_EQ(Joined(chunks), stream);
+    ASSERT_EQ(chunks.size(), 8u);
+    int64_t total = 0;
+    for (size_t i = 0; i + 1 < chunks.size(); ++i) {
+        EXPECT_EQ(chunks[i].payload.size(), 5 * kPacket) << i;
+        const int64_t ns = chunks[i].duration.ToNanoseconds();
+        EXPECT_NEAR(static_cast<double>(ns), i % 2 == 0 ? 20e6 : 30e6, 1e3) << i;
+        total += ns;
+    }
+    // Seven chunks end where the eighth starts: at the PCR of packet 34, 170 ms.
+    EXPECT_NEAR(static_cast<double>(total), 170e6, 1e4);
+}
+
 // Garbage between packets (stray sync bytes included) is skipped; the
 // packets around it are kept whole.
 TEST(MpegTsChunkerTest, ResyncsAfterGarbageAndDropsATruncatedPacket) {

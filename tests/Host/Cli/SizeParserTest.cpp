@@ -29,6 +29,10 @@ TEST(SizeParserTest, BadSizesAndOverflowAreRefused) {
     }
     EXPECT_THROW(SizeParser::ParseSignedSize("+"), CliError);
     EXPECT_THROW(SizeParser::ParseSignedSize("9223372036854775808"), CliError);
+    // Sizes travel as signed 64-bit integers.
+    EXPECT_EQ(SizeParser::ParseSize("9223372036854775807"), 9223372036854775807u);
+    EXPECT_THROW(SizeParser::ParseSize("9223372036854775808"), CliError);
+    EXPECT_THROW(SizeParser::ParseSize("8388608T"), CliError);
 }
 
 TEST(SizeParserTest, BitRatesAreDecimal) {
@@ -38,6 +42,9 @@ TEST(SizeParserTest, BitRatesAreDecimal) {
     EXPECT_EQ(SizeParser::ParseBitRate("9600"), 9600u);
     for (const char* bad : {"", "fast", "0", "4X", "1.2.3M"})
         EXPECT_THROW(SizeParser::ParseBitRate(bad), CliError) << bad;
+    // Beyond what a long double holds, either way.
+    EXPECT_THROW(SizeParser::ParseBitRate(std::string(5000, '9')), CliError);
+    EXPECT_THROW(SizeParser::ParseBitRate("0." + std::string(5000, '0') + "1"), CliError);
 }
 
 }  // namespace

@@ -57,5 +57,41 @@ TEST(TimeParserTest, BadInstantsSayBadTime) {
     }
 }
 
+// Values that fit alone but not once added to now, instants past 2262, and
+// numbers too long for any float are refused as bad times, not wrapped.
+TEST(TimeParserTest, OutOfRangeTimesAreRefused) {
+    for (const char* far :
+         {"+2222222h", "+9223372036s", "2300-01-01T00:00:00Z", "1600-01-01T00:00:00Z"}) {
+        try {
+            const TimePoint t = TimeParser::ParseInstant(far, kNow);
+            ADD_FAILURE() << "accepted '" << far << "' as " << t.ToNanoseconds() << " ns";
+        } catch (const CliError& e) {
+            EXPECT_EQ(std::string(e.what()).rfind(std::string("bad time '") + far + "'", 0), 0u)
+                << e.what();
+            EXPECT_NE(std::string(e.what()).find("out of range"), std::string::npos) << e.what();
+        }
+    }
+    const std::string longNumber = std::string(5000, '9') + "s";
+    EXPECT_THROW(TimeParser::ParseDuration(longNumber), CliError);
+    EXPECT_THROW(TimeParser::ParseInstant("+" + longNumber, kNow), CliError);
+    EXPECT_THROW(TimeParser::ParseDuration("0." + std::string(5000, '0') + "1s"), CliError);
+    // A large offset works as long as the sum fits.
+    EXPECT_EQ(TimeParser::ParseInstant("-2500000h", TimePoint()),
+              TimePoint::FromSeconds(-2'500'000LL * 3600));
+    EXPECT_THROW(TimeParser::ParseInstant("-2500000h", TimePoint::FromSeconds(-1'000'000'000)),
+                 CliError);
+}
+
+TEST(TimeParserTest, RangesMustBeOrderedAndRepresentable) {
+    const auto range = TimeParser::ParseRange("-1h", "+1h", kNow);
+    EXPECT_EQ(range.from, kNow - TimePoint::FromSeconds(3600));
+    EXPECT_EQ(range.to, kNow + TimePoint::FromSeconds(3600));
+    EXPECT_THROW(TimeParser::ParseRange("+1h", "-1h", kNow), CliError);
+    EXPECT_THROW(TimeParser::ParseRange("now", "now", kNow), CliError);
+    // Both ends fit, their distance does not.
+    EXPECT_THROW(TimeParser::ParseRange("1678-01-01T00:00:00Z", "2262-01-01T00:00:00Z", kNow),
+                 CliError);
+}
+
 }  // namespace
 }  // namespace loopstore::cli

@@ -47,3 +47,28 @@ TEST(TimePoint, ParsesWhatItPrintsAndRejectsGarbage) {
         EXPECT_THROW(TimePoint::FromString(bad), std::invalid_argument) << bad;
     }
 }
+
+// Instants beyond 64-bit nanoseconds, through the date, the fraction or the
+// offset, are refused as bad text; the two ends themselves still parse.
+TEST(TimePoint, RefusesInstantsOutsideTheNanosecondRange) {
+    for (int64_t ns : {INT64_MIN, INT64_MAX}) {
+        const TimePoint tp = TimePoint::FromNanoseconds(ns);
+        EXPECT_EQ(TimePoint::FromString(tp.ToString()), tp) << tp;
+    }
+    for (const char* far :
+         {"2300-01-01T00:00:00Z", "9999-12-31T23:59:59.999999999Z", "1600-01-01T00:00:00Z",
+          "0000-01-01T00:00:00Z", "2262-04-11T23:47:16.854775808Z",
+          "1677-09-21T00:12:43.145224191Z", "2262-04-11T23:47:16.854775807-00:01",
+          "1677-09-21T00:12:43.145224192+00:01"}) {
+        try {
+            TimePoint::FromString(far);
+            ADD_FAILURE() << "accepted " << far;
+        } catch (const std::invalid_argument& e) {
+            EXPECT_NE(std::string(e.what()).find("out of range"), std::string::npos) << e.what();
+        }
+    }
+    EXPECT_THROW(TimePoint::FromString("2026-02-29T00:00:00Z"), std::invalid_argument);
+    EXPECT_THROW(TimePoint::FromString("2026-04-31T00:00:00Z"), std::invalid_argument);
+    EXPECT_EQ(TimePoint::FromString("2024-02-29T00:00:00Z").ToString(),
+              "2024-02-29T00:00:00.000000000Z");
+}
