@@ -1,9 +1,15 @@
 #include "Host/Server/LoopstoreServer.h"
 
+#include <grpc/grpc.h>
 #include <grpcpp/security/server_credentials.h>
 #include <grpcpp/server_builder.h>
+#include <netdb.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -59,6 +65,43 @@ std::string ReadToken(const std::string& tokenFile) {
     if (token.empty())
         throw std::runtime_error("Token file " + tokenFile + " is empty");
     return token;
+}
+
+std::string PortOf(const std::string& address) {
+    const auto colon = address.rfind(':');
+    return colon == std::string::npos ? "" : address.substr(colon + 1);
+}
+
+// gRPC only says that it could not bind: bind the address once more with a
+// plain socket to learn the system's reason (address in use, not allowed).
+std::string WhyCannotBind(const std::string& address) {
+    if (address.rfind("unix:", 0) == 0)
+        return "the socket cannot be created";
+    addrinfo hints = {};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE;
+    addrinfo* found = nullptr;
+    const std::string host = Host(address);
+    const int resolved =
+        getaddrinfo(host.empty() ? nullptr : host.c_str(), PortOf(address).c_str(), &hints, &found);
+    if (resolved != 0)
+        return gai_strerror(resolved);
+    std::string reason = "the address cannot be bound";
+    for (addrinfo* a = found; a != nullptr; a = a->ai_next) {
+        const int fd = socket(a->ai_family, a->ai_socktype, a->ai_protocol);
+        if (fd < 0)
+            continue;
+        const bool bound = bind(fd, a->ai_addr, a->ai_addrlen) == 0;
+        const int error = errno;
+        close(fd);
+        if (!bound) {
+            reason = std::strerror(error);
+            break;
+        }
+    }
+    freeaddrinfo(found);
+    return reason;
 }
 
 void CheckListenPolicy(const ServerOptions& options, const std::string& token) {
@@ -123,6 +166,9 @@ void LoopstoreServer::Listen(const std::string& token) {
     trackReaderRpc_ = std::make_unique<TrackReaderRpc>(*peers_, *guard_);
 
     grpc::ServerBuilder builder;
+    // gRPC shares a port by default: a second server on it would take half
+    // of the calls meant for the first.
+    builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
     builder.AddListeningPort(options_.listenAddress, grpc::InsecureServerCredentials(), &port_);
     builder.SetMaxReceiveMessageSize(kMaxMessageBytes);
     builder.SetMaxSendMessageSize(kMaxMessageBytes);
@@ -132,7 +178,10 @@ void LoopstoreServer::Listen(const std::string& token) {
     server_ = builder.BuildAndStart();
     if (!server_ || port_ == 0) {
         server_.reset();
-        throw std::runtime_error("Cannot listen on " + options_.listenAddress);
+        port_ = 0;
+        throw std::runtime_error("Cannot listen on " + options_.listenAddress + " (port " +
+                                 PortOf(options_.listenAddress) +
+                                 "): " + WhyCannotBind(options_.listenAddress));
     }
 }
 
