@@ -84,7 +84,7 @@ uint64_t DataChunkFileAppender::GetTail() const {
 bool DataChunkFileAppender::RewindTo(uint64_t offset) {
     if (newGenerationPending_ || offset > GetTail() || !header_.IsValid())
         return false;
-    ChunkRecordScanner scanner(file_, header_.GetGeneration(), offset);
+    ChunkRecordScanner scanner(*file_, header_.GetGeneration(), offset);
     scanner.Scan();
     if (scanner.GetTail() != offset)
         return false;

@@ -349,7 +349,7 @@ unsigned long FilesPool::SelectFiles(unsigned long size, std::vector<FileSet::it
     }
     const FileSet::iterator start = cursor;
     do {
-        if (cursor->GetDirectoryNumber() == 0) {
+        if (cursor->GetDirectoryNumber() == 0 && HasPoolFileSize(*cursor)) {
             selected.push_back(cursor);
             total += fileSize_;
         }
@@ -358,6 +358,14 @@ unsigned long FilesPool::SelectFiles(unsigned long size, std::vector<FileSet::it
         }
     } while (cursor != start && total < size);
     return total;
+}
+
+bool FilesPool::HasPoolFileSize(const ChunkFile& file) const {
+    // A file truncated or grown behind the store's back would refuse chunks
+    // its track counts on; start-up has reported it.
+    boost::system::error_code error;
+    const uintmax_t size = fs::file_size(file.GetAbsoluteFileName(poolDirectory_, true), error);
+    return error.failed() || size == fileSize_;
 }
 
 unsigned long FilesPool::RenameToTrack(const std::vector<ChunkFile>& moved, unsigned long waitMs) {
@@ -485,6 +493,11 @@ std::vector<ChunkFile> FilesPool::GetMovedFiles(long trackId) const {
         }
     }
     return lent;
+}
+
+std::vector<ChunkFile> FilesPool::GetFiles() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::vector<ChunkFile>(files_.begin(), files_.end());
 }
 
 bool FilesPool::IsStateCoherent() const {

@@ -91,6 +91,8 @@ class FilesPool {
     // MoveFiles.
     void RestoreFiles(const std::vector<ChunkFile>& files, unsigned long waitMs);
 
+    // Copies of every file of the pool, free or lent, in file-number order.
+    std::vector<ChunkFile> GetFiles() const;
     // Copies of the files lent to `trackId`, in file-number order.
     std::vector<ChunkFile> GetMovedFiles(long trackId) const;
     uint64_t GetNbMovedFiles() const { return nbMovedFiles_.load(); }
@@ -134,9 +136,12 @@ class FilesPool {
     std::string CheckMoveRequest(long trackId) const;
     void CheckFreeSpace(unsigned long size) const;
     // Picks free files round robin from `cursor`, which it advances, until
-    // `size` bytes or a full turn; returns their total size. Changes nothing.
+    // `size` bytes or a full turn, passing over files of the wrong size on
+    // disk; returns their total size. Changes nothing.
     unsigned long SelectFiles(unsigned long size, std::vector<FileSet::iterator>& selected,
                               FileSet::iterator& cursor) const;
+    // False when the free `file` is on disk with another size than the pool's.
+    bool HasPoolFileSize(const ChunkFile& file) const;
     // Returns the number of files handled (renamed or not) before the end or
     // a stop.
     unsigned long RenameToTrack(const std::vector<ChunkFile>& moved, unsigned long waitMs);

@@ -8,6 +8,7 @@
 #include "Platform/File/Env.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Storage/Indexes/Ram/NoChunkProtectionFactory.h"
+#include "Storage/Server/Factories/StoreReconciliation.h"
 #include "Storage/Server/FileSystem/ChunkCacheFileTrackReaderFactory.h"
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriterFactory.h"
 #include "Storage/Server/FileSystem/LoopRecordingTrackStorage.h"
@@ -37,6 +38,7 @@ LoopRecordingFileFactory::LoopRecordingFileFactory(const FactoryParameters& para
     trackStorage_->OpenPropertiesDatabase(dbDirectory_);
     trackStorage_->OpenProtectionDatabase(dbDirectory_);
     OpenPool();
+    StoreReconciliation(*pool_, *directoryHandler_, *managers_, poolDirectory_).Run();
     trackStorage_->AddPool(pool_);
     trackStorage_->SetMonitoring(monitoring_.get());
     const unsigned long remaining = pool_->GetRemainingSpace();

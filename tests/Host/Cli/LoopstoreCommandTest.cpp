@@ -267,8 +267,23 @@ TEST_F(LoopstoreCommandTest, FsckPassesOnAGoodStoreAndFindsACorruptRecord) {
     }
     const Result bad = Run("fsck --data " + data_);
     EXPECT_EQ(bad.status, 1);
-    EXPECT_NE(bad.out.find("1 faults"), std::string::npos) << bad.out << bad.err;
+    EXPECT_NE(bad.out.find("1 problems"), std::string::npos) << bad.out << bad.err;
     EXPECT_NE(bad.out.find("track " + t + ": chunk at "), std::string::npos) << bad.out;
+
+    // A store that is not there cannot be checked.
+    const Result missing = Run("fsck --data " + (dir_ / "nothing"));
+    EXPECT_EQ(missing.status, 2) << missing.out << missing.err;
+    EXPECT_NE(missing.err.find("pool.db does not exist"), std::string::npos) << missing.err;
+}
+
+TEST_F(LoopstoreCommandTest, ASecondServeOnTheSameDataFailsWithTheHolder) {
+    StartServer();
+    const Result second = Run("serve --data " + data_ + " --listen 127.0.0.1:0");
+    EXPECT_NE(second.status, 0);
+    EXPECT_NE(second.err.find("Store " + data_ + "/db is already open by process " +
+                              std::to_string(::getpid())),
+              std::string::npos)
+        << second.err;
 }
 
 // serve on the default layout: makes its pool on first use, answers, and
