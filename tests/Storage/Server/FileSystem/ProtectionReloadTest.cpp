@@ -13,20 +13,14 @@
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriter.h"
 #include "tests/Storage/Server/FileSystem/TrackIoFixture.h"
 
+using loopstore::test::At;
+using loopstore::test::kSecond;
 using loopstore::test::MakeChunkMessage;
 using loopstore::test::TrackIo;
 using Moreld::Time::TimePoint;
 using tav::mr::logging::LogCapture;
 
 namespace {
-
-constexpr int64_t kSecond = 1'000'000'000;
-
-Protocol::TimePoint At(int64_t ns) {
-    Protocol::TimePoint tp;
-    tp.set_nanoseconds(ns);
-    return tp;
-}
 
 // The track service over the directories of a TrackIo, started as the
 // service factory starts it: every track loaded, then the databases.
