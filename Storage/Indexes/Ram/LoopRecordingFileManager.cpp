@@ -698,6 +698,16 @@ std::vector<ChunkFile> LoopRecordingFileManager::ProtectBlocks(long id, const Ti
 }
 
 void LoopRecordingFileManager::Protect(long id, const TimePoint& in, const TimePoint& out) {
+    ProtectRange(id, in, out, false);
+}
+
+size_t LoopRecordingFileManager::RestoreProtection(long id, const TimePoint& in,
+                                                   const TimePoint& out) {
+    return ProtectRange(id, in, out, true);
+}
+
+size_t LoopRecordingFileManager::ProtectRange(long id, const TimePoint& in, const TimePoint& out,
+                                              bool mayHoldNothing) {
     if (id == 0) {
         std::string msg =
             Concat("Protection id 0 is not accepted to protect from ", in, " to ", out);
@@ -725,13 +735,17 @@ void LoopRecordingFileManager::Protect(long id, const TimePoint& in, const TimeP
         SharedLock index(indexMutex_);
         empty = blocks_.empty();
     }
-    if (empty) {
+    if (empty && !mayHoldNothing) {
         std::string msg = Concat("Nothing to protect on track ", trackId_, ": track is empty");
         MR_LOG(logger_, 30, msg);
         throw std::runtime_error(msg);
     }
     std::vector<ChunkFile> files = ProtectBlocks(id, in, out);
     if (files.empty()) {
+        if (mayHoldNothing) {
+            protections_[static_cast<unsigned long>(id)];  // known, holding nothing
+            return 0;
+        }
         std::string msg = Concat("Protect on track ", trackId_, ": no files were protected");
         MR_LOG(logger_, 30, msg);
         throw std::runtime_error(msg);
@@ -743,6 +757,7 @@ void LoopRecordingFileManager::Protect(long id, const TimePoint& in, const TimeP
     for (IProtectionObserver* observer : protectionObservers_) {
         observer->OnProtected(id, in, out, files);
     }
+    return files.size();
 }
 
 unsigned long LoopRecordingFileManager::Unprotect(long id) {

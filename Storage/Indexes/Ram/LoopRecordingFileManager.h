@@ -95,6 +95,11 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     // not the track's.
     bool ForceRemoveFiles(const std::vector<ChunkFile>& files);
     void Protect(long id, const TimePoint& in, const TimePoint& out) override;
+    // Protect for a stored protection reloaded at start-up: a range that
+    // holds no block (its blocks were lost) is kept under its id all the
+    // same, holding nothing. Returns the number of blocks it holds; throws
+    // as Protect for a bad id or range.
+    size_t RestoreProtection(long id, const TimePoint& in, const TimePoint& out);
     unsigned long Unprotect(long id) override;
     void RegisterProtectionObserver(IProtectionObserver* observer) override;
     void UnregisterProtectionObserver(IProtectionObserver* observer) override;
@@ -165,6 +170,7 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
         const TimePoint& tp) const;
     std::vector<ChunkFile> RemoveEmptyFilesUpTo(unsigned long size, unsigned long& taken);
     std::vector<ChunkFile> RemoveBlocksUpTo(unsigned long size, unsigned long& taken);
+    size_t ProtectRange(long id, const TimePoint& in, const TimePoint& out, bool mayHoldNothing);
     std::vector<ChunkFile> ProtectBlocks(long id, const TimePoint& in, const TimePoint& out);
     bool RemoveFromEmptyFiles(const ChunkFile& file);
     bool RemoveBlockOfFile(const ChunkFile& file);

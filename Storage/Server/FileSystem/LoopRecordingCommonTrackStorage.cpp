@@ -384,8 +384,13 @@ void LoopRecordingCommonTrackStorage::Protect(const long& track, const TimePoint
         lastProtectionId_ = id;
         protectionId = id;
         protectionDb_.Protect(track, id, from, to);
-    } else {
-        manager.Protect(protectionId, from, to);
+    } else if (manager.RestoreProtection(protectionId, from, to) == 0) {
+        // Its blocks were lost (a crash, a repair): the protection stays, so
+        // that it can still be listed and lifted, and the start goes on.
+        MR_LOG(logger_, 40,
+               "T" << track << ": Protection " << protectionId << " from " << from << " to " << to
+                   << " holds no block; it is kept");
+        return;
     }
     MR_LOG(logger_, 30,
            "T" << track << ": Protection " << protectionId << " from " << from << ", to " << to);

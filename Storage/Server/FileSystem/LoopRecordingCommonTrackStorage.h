@@ -65,7 +65,9 @@ class LoopRecordingCommonTrackStorage {
     void OpenPropertiesDatabase(const std::string& dbDirectory);
     void Protect(const long& track, const Protocol::TimePoint& from,
                  const Protocol::TimePoint& duration, long& protectionId);
-    // The worker: `isNew` false reloads a stored protection under its id.
+    // The worker: `isNew` false reloads a stored protection under its id;
+    // one whose range holds no block any more is kept all the same (logged
+    // at level 40), so that a start never fails on it.
     void Protect(const long& track, const TimePoint& from, const TimePoint& duration,
                  long& protectionId, bool isNew);
     void Unprotect(const long& protectionId);

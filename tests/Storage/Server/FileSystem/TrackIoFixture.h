@@ -39,6 +39,10 @@ class TrackIo {
     std::unique_ptr<ChunkCacheManager> caches_;
 };
 
+constexpr int64_t kSecond = 1'000'000'000;
+
+Protocol::TimePoint At(int64_t ns);
+
 // The chunk a test writes at `tp`: its payload and properties are a
 // function of the time point, so any reader can check what it gets.
 Protocol::Chunk MakeChunkMessage(int64_t tpNs, int64_t durationNs, size_t payloadSize);

@@ -9,13 +9,13 @@
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriter.h"
 #include "tests/Storage/Server/FileSystem/TrackIoFixture.h"
 
+using loopstore::test::At;
+using loopstore::test::kSecond;
 using loopstore::test::MakeChunkMessage;
 using loopstore::test::PayloadFor;
 using loopstore::test::TrackIo;
 
 namespace {
-
-constexpr int64_t kSecond = 1'000'000'000;
 
 // Walks the track from its beginning with NextTimePoint and reads every chunk
 // it meets; returns how many it read. A chunk recycled under the reader's feet

@@ -23,6 +23,8 @@
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriter.h"
 #include "tests/Storage/Server/FileSystem/TrackIoFixture.h"
 
+using loopstore::test::At;
+using loopstore::test::kSecond;
 using loopstore::test::MakeChunkMessage;
 using loopstore::test::PayloadFor;
 using loopstore::test::TrackIo;
@@ -30,7 +32,6 @@ using Moreld::Tools::SyncPoint;
 
 namespace {
 
-constexpr int64_t kSecond = 1'000'000'000;
 constexpr unsigned long kFileSize = 16 * 1024;
 constexpr int kFiles = 4;
 constexpr size_t kPayload = 3000;  // five chunks per file

@@ -14,6 +14,8 @@
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriter.h"
 #include "tests/Storage/Server/FileSystem/TrackIoFixture.h"
 
+using loopstore::test::At;
+using loopstore::test::kSecond;
 using loopstore::test::MakeChunkMessage;
 using loopstore::test::PayloadFor;
 using loopstore::test::TrackIo;
@@ -21,8 +23,6 @@ using Moreld::Tools::SyncPoint;
 using tav::mr::logging::LogCapture;
 
 namespace {
-
-constexpr int64_t kSecond = 1'000'000'000;
 
 // Where the writing child dies.
 struct CrashPlan {

@@ -10,6 +10,8 @@
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriter.h"
 #include "tests/Storage/Server/FileSystem/TrackIoFixture.h"
 
+using loopstore::test::At;
+using loopstore::test::kSecond;
 using loopstore::test::MakeChunkMessage;
 using loopstore::test::PayloadFor;
 using loopstore::test::TrackIo;
@@ -17,14 +19,6 @@ using Moreld::Time::TimePoint;
 using tav::mr::logging::LogCapture;
 
 namespace {
-
-constexpr int64_t kSecond = 1'000'000'000;
-
-Protocol::TimePoint At(int64_t ns) {
-    Protocol::TimePoint tp;
-    tp.set_nanoseconds(ns);
-    return tp;
-}
 
 std::string ThrownText(const std::function<void()>& f) {
     try {
