@@ -3,7 +3,7 @@
 // reads back through DataChunkFileReader, the accepted records end exactly at
 // the tail, and when the scan stopped on a bad record inside the file the
 // reader refuses that record too. The scan limit is the file size, or a little
-// less or more (mode bit 2), as a file of another size than expected.
+// less or more (`mode & 2`), as a file of another size than expected.
 
 #include <fcntl.h>
 
