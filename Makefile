@@ -5,15 +5,17 @@ TSAN_DIR  := build/tsan
 REL_DIR   := build/release
 CMAKE_COMMON := -DCMAKE_EXPORT_COMPILE_COMMANDS=ON
 
-.PHONY: deps test test-asan test-tsan run bench release format clean
+FUZZ_SECONDS ?= 30
+
+.PHONY: deps test test-asan test-tsan fuzz-ci run bench release format clean
 
 deps:
 	@scripts/install-deps.sh
 
 # Every test, under AddressSanitizer + UndefinedBehaviorSanitizer, then the
 # concurrency tests (label "concurrency", all in the storage) under
-# ThreadSanitizer.
-test: deps test-asan test-tsan
+# ThreadSanitizer, then every fuzz target for a short while.
+test: deps test-asan test-tsan fuzz-ci
 
 test-asan:
 	cmake -S . -B $(ASAN_DIR) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Debug -DLOOPSTORE_SANITIZE=address -DLOOPSTORE_BUILD_BENCH=OFF
@@ -25,6 +27,12 @@ test-tsan:
 		-DLOOPSTORE_BUILD_BENCH=OFF -DLOOPSTORE_BUILD_HOST=OFF
 	cmake --build $(TSAN_DIR) -j $(JOBS)
 	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600 -L concurrency
+
+# Builds the libFuzzer targets (Clang, build/fuzz) and runs each for
+# FUZZ_SECONDS from its seeds in fuzz/corpus; any finding fails. Longer runs of
+# one target: scripts/fuzz TARGET MINUTES (see fuzz/README.md).
+fuzz-ci: deps
+	JOBS=$(JOBS) scripts/fuzz --ci $(FUZZ_SECONDS)
 
 release: deps
 	cmake -S . -B $(REL_DIR) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Release -DLOOPSTORE_BUILD_HOST=ON

@@ -14,6 +14,7 @@ PACKAGES=(
   libgrpc++-dev protobuf-compiler-grpc
   libcli11-dev nlohmann-json3-dev
   ffmpeg
+  clang libclang-rt-14-dev
 )
 
 missing=()

@@ -93,7 +93,7 @@ void MpegTsChunker::TakePacket(std::string_view packet) {
     // The clock may stop, repeat itself or move to another stream: the size
     // limit holds all the same.
     if (current_.size() + packet.size() > maxSize_)
-        CutBySize();
+        CutBySize(pcr);
     if (pcr)
         lastPcr_ = pcr;
     current_.append(packet);
@@ -101,14 +101,16 @@ void MpegTsChunker::TakePacket(std::string_view packet) {
         Emit(targetDuration_);
 }
 
-void MpegTsChunker::CutBySize() {
+void MpegTsChunker::CutBySize(std::optional<int64_t> nextPcr) {
     if (chunkStartPcr_ && lastPcr_ && *lastPcr_ > *chunkStartPcr_) {
         Emit(TimePoint::FromNanoseconds(*lastPcr_ - *chunkStartPcr_));
         chunkStartPcr_ = lastPcr_;
         return;
     }
+    // The clock did not move in the chunk: the next one starts at the next
+    // packet's PCR, or at the first PCR to come.
     Emit(targetDuration_);
-    chunkStartPcr_.reset();
+    chunkStartPcr_ = nextPcr;
     lastPcr_.reset();
 }
 

@@ -58,8 +58,9 @@ class MpegTsChunker {
     // The packet's PCR in nanoseconds when it carries one on the PCR stream.
     std::optional<int64_t> PacketPcr(std::string_view packet);
     void OnPcr(int64_t pcrNs);
-    // Ends the current chunk because the next packet would not fit.
-    void CutBySize();
+    // Ends the current chunk because the next packet, whose PCR is
+    // `nextPcr`, would not fit.
+    void CutBySize(std::optional<int64_t> nextPcr);
     void Emit(TimePoint duration);
 
     const TimePoint targetDuration_;
@@ -70,7 +71,9 @@ class MpegTsChunker {
     // False after bytes were skipped, until a boundary is confirmed.
     bool inStep_ = true;
     std::optional<int64_t> chunkStartPcr_;
-    std::optional<int64_t> lastPcr_;  // the latest PCR since chunkStartPcr_
+    // The latest PCR since chunkStartPcr_, which it follows by at most the
+    // largest step of the clock; set only while chunkStartPcr_ is.
+    std::optional<int64_t> lastPcr_;
     std::optional<int> pcrPid_;
     std::deque<SourceChunk> ready_;
     uint64_t skipped_ = 0;

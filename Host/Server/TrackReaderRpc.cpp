@@ -23,6 +23,22 @@ grpc::Status TrackReaderRpc::Export(grpc::ServerContext* context, const rpc::Exp
     return guard_.Run(*context, "Export", [&] { Walk(*context, *request, *stream); });
 }
 
+long TrackReaderRpc::OpenedTrack(const rpc::ReadRequest& first) {
+    if (!first.has_open())
+        throw std::invalid_argument("The first request of a read session must name its track");
+    return static_cast<long>(first.open().track_id());
+}
+
+void TrackReaderRpc::CheckRange(const rpc::ExportRequest& request) {
+    const int64_t from = request.from().nanoseconds();
+    const int64_t to = request.to().nanoseconds();
+    if (to < from) {
+        throw std::invalid_argument("T" + std::to_string(request.track_id()) +
+                                    ": export range ends at " + std::to_string(to) +
+                                    " ns, before its start at " + std::to_string(from) + " ns");
+    }
+}
+
 rpc::ReadReply TrackReaderRpc::Answer(MoreldStorageApi::ITrackReader& reader,
                                       const rpc::ReadRequest& request) {
     rpc::ReadReply reply;
@@ -56,9 +72,7 @@ void TrackReaderRpc::Serve(grpc::ServerContext& context,
     rpc::ReadRequest request;
     if (!stream.Read(&request))
         return;
-    if (!request.has_open())
-        throw std::invalid_argument("The first request of a read session must name its track");
-    const long trackId = static_cast<long>(request.open().track_id());
+    const long trackId = OpenedTrack(request);
     // Declared after the service that made it, the reader is destroyed first.
     std::unique_ptr<MoreldStorageApi::Service> service = services_.Construct(context);
     ClientObject<MoreldStorageApi::ITrackReader> reader(
@@ -74,11 +88,7 @@ void TrackReaderRpc::Walk(grpc::ServerContext& context, const rpc::ExportRequest
                           grpc::ServerWriter<Protocol::Chunk>& stream) {
     const long trackId = static_cast<long>(request.track_id());
     const int64_t to = request.to().nanoseconds();
-    if (to < request.from().nanoseconds()) {
-        throw std::invalid_argument("T" + std::to_string(trackId) + ": export range ends at " +
-                                    std::to_string(to) + " ns, before its start at " +
-                                    std::to_string(request.from().nanoseconds()) + " ns");
-    }
+    CheckRange(request);
     std::unique_ptr<MoreldStorageApi::Service> service = services_.Construct(context);
     ClientObject<MoreldStorageApi::ITrackReader> reader(
         service->trackReaderFactory->Create(trackId));

@@ -29,9 +29,15 @@ class TrackReaderRpc final : public rpc::TrackReader::Service {
     grpc::Status Export(grpc::ServerContext* context, const rpc::ExportRequest* request,
                         grpc::ServerWriter<Protocol::Chunk>* stream) override;
 
+    // The argument checks and answers of the two calls, apart from the
+    // network. The track the first request of a session names; throws
+    // std::invalid_argument when it names none.
+    static long OpenedTrack(const rpc::ReadRequest& first);
     // Answers one session request with `reader`.
     static rpc::ReadReply Answer(MoreldStorageApi::ITrackReader& reader,
                                  const rpc::ReadRequest& request);
+    // Throws std::invalid_argument when the export range ends before it starts.
+    static void CheckRange(const rpc::ExportRequest& request);
 
   private:
     void Serve(grpc::ServerContext& context,

@@ -1,5 +1,9 @@
 #include "Host/Server/TrackStorageRpc.h"
 
+#include <string>
+
+#include "Host/Server/RequestChecks.h"
+
 namespace loopstore::host {
 
 namespace {
@@ -100,6 +104,8 @@ grpc::Status TrackStorageRpc::GetAccumulatedDuration(Context* context, const rpc
 grpc::Status TrackStorageRpc::Protect(Context* context, const rpc::ProtectRequest* request,
                                       rpc::ProtectionId* answer) {
     return guard_.Run(*context, "Protect", [&] {
+        RequestChecks::EndOf(request->from().nanoseconds(), request->duration().nanoseconds(),
+                             "T" + std::to_string(request->track_id()) + ": a protection");
         long id = 0;
         storage_.Protect(Long(request->track_id()), request->from(), request->duration(), id);
         answer->set_id(id);

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "Host/Server/RequestChecks.h"
 #include "Platform/Logging/LoggingManager.h"
 
 namespace loopstore::host {
@@ -23,34 +24,44 @@ void TrackWriterRpc::Record(grpc::ServerContext& context,
     rpc::WriteRequest request;
     if (!stream.Read(&request))
         return;  // closed before naming a track: nothing to write
-    if (!request.has_open())
-        throw std::invalid_argument("The first message of a write stream must name its track");
-    const long trackId = static_cast<long>(request.open().track_id());
+    const long trackId = OpenedTrack(request);
     // The writer refers to objects of the service: declared after it, it is
     // destroyed first.
     std::unique_ptr<MoreldStorageApi::Service> service = services_.Construct(context);
     ClientObject<MoreldStorageApi::ITrackWriter> writer(
         service->trackWriterFactory->Create(trackId));
     MR_LOG(logger_, 30, "T" << trackId << ": write stream opened by " << context.peer());
-    while (stream.Read(&request)) {
-        if (!request.has_chunk()) {
-            throw std::invalid_argument("T" + std::to_string(trackId) +
-                                        ": a write stream names its track only once");
-        }
-        const Protocol::Chunk& chunk = request.chunk();
-        const int64_t bytes = static_cast<int64_t>(chunk.data().size());
-        const int64_t end = chunk.timepoint().nanoseconds() + chunk.duration().nanoseconds();
-        writer->Append(chunk);
-        summary.set_chunks(summary.chunks() + 1);
-        summary.set_bytes(summary.bytes() + bytes);
-        summary.mutable_end()->set_nanoseconds(end);
-    }
+    while (stream.Read(&request))
+        Accept(trackId, request, *writer, summary);
     // A stop of the server cancels the stream; what was accepted is kept all
     // the same, the writer's destruction below writes it out.
     MR_LOG(logger_, 30,
            "T" << trackId << ": write stream of " << context.peer() << " ended"
                << (context.IsCancelled() ? " (cancelled)" : "") << " after " << summary.chunks()
                << " chunks");
+}
+
+long TrackWriterRpc::OpenedTrack(const rpc::WriteRequest& first) {
+    if (!first.has_open())
+        throw std::invalid_argument("The first message of a write stream must name its track");
+    return static_cast<long>(first.open().track_id());
+}
+
+void TrackWriterRpc::Accept(long trackId, const rpc::WriteRequest& request,
+                            MoreldStorageApi::ITrackWriter& writer, rpc::WriteSummary& summary) {
+    if (!request.has_chunk()) {
+        throw std::invalid_argument("T" + std::to_string(trackId) +
+                                    ": a write stream names its track only once");
+    }
+    const Protocol::Chunk& chunk = request.chunk();
+    const int64_t bytes = static_cast<int64_t>(chunk.data().size());
+    const int64_t end =
+        RequestChecks::EndOf(chunk.timepoint().nanoseconds(), chunk.duration().nanoseconds(),
+                             "T" + std::to_string(trackId) + ": a chunk");
+    writer.Append(chunk);
+    summary.set_chunks(summary.chunks() + 1);
+    summary.set_bytes(summary.bytes() + bytes);
+    summary.mutable_end()->set_nanoseconds(end);
 }
 
 }  // namespace loopstore::host

@@ -23,6 +23,16 @@ class TrackWriterRpc final : public rpc::TrackWriter::Service {
     grpc::Status Write(grpc::ServerContext* context, grpc::ServerReader<rpc::WriteRequest>* stream,
                        rpc::WriteSummary* summary) override;
 
+    // The argument checks of a stream, apart from the network. The track the
+    // first message names; throws std::invalid_argument when it names none.
+    static long OpenedTrack(const rpc::WriteRequest& first);
+    // Hands the chunk of a later message of the stream of `trackId` to
+    // `writer` and counts it in `summary`. Throws std::invalid_argument when
+    // the message is not a chunk or the chunk ends beyond the range of time
+    // points, and what the writer throws (`summary` is then unchanged).
+    static void Accept(long trackId, const rpc::WriteRequest& request,
+                       MoreldStorageApi::ITrackWriter& writer, rpc::WriteSummary& summary);
+
   private:
     void Record(grpc::ServerContext& context, grpc::ServerReader<rpc::WriteRequest>& stream,
                 rpc::WriteSummary& summary);

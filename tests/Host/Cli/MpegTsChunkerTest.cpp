@@ -122,6 +122,20 @@ TEST(MpegTsChunkerTest, SizeLimitHoldsWhateverTheClockDoes) {
     }
 }
 
+// A clock that stands still, jumps 12 hours ahead and back, with chunks of
+// one packet each: no chunk is stretched by the jump.
+TEST(MpegTsChunkerTest, ClockJumpsDoNotStretchChunksCutBySize) {
+    std::string stream;
+    for (int i = 0; i < 8; ++i)
+        stream += Packet(0x100, 'v', i == 4 ? 44'166'112'493'259 : 7'000'000);
+    MpegTsChunker chunker(TimePoint::FromMilliseconds(40), kPacket);
+    const auto chunks = Cut(stream, chunker, 1000);
+    EXPECT_EQ(Joined(chunks), stream);
+    ASSERT_EQ(chunks.size(), 8u);
+    for (const SourceChunk& c : chunks)
+        EXPECT_EQ(c.duration, TimePoint::FromMilliseconds(40));
+}
+
 // A chunk that fills up between two PCRs is cut there and lasts until the
 // last PCR it holds; the next one starts from that PCR, so durations still
 // add up to media time.
