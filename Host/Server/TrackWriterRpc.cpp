@@ -3,8 +3,11 @@
 #include <stdexcept>
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Plexa/Converter.h"
 
 namespace loopstore::host {
+
+using Moreld::Plexa::Converter;
 
 TrackWriterRpc::TrackWriterRpc(const PeerServiceFactory& services, const CallGuard& guard)
     : services_(services),
@@ -39,12 +42,19 @@ void TrackWriterRpc::Record(grpc::ServerContext& context,
         }
         const Protocol::Chunk& chunk = request.chunk();
         const int64_t bytes = static_cast<int64_t>(chunk.data().size());
-        const int64_t end = chunk.timepoint().nanoseconds() + chunk.duration().nanoseconds();
+        Moreld::Time::TimePoint end;
+        // The writer refuses a chunk whose end does not fit: once accepted,
+        // `end` holds it.
+        Moreld::Time::TimePoint::CheckedAdd(Converter::From(chunk.timepoint()),
+                                            Converter::From(chunk.duration()), end);
         writer->Append(chunk);
         summary.set_chunks(summary.chunks() + 1);
         summary.set_bytes(summary.bytes() + bytes);
-        summary.mutable_end()->set_nanoseconds(end);
+        summary.mutable_end()->set_nanoseconds(end.ToNanoseconds());
     }
+    long stored = 0;
+    writer->WaitUntilStored(stored);  // throws when accepted chunks were lost
+    summary.set_stored(stored);
     // A stop of the server cancels the stream; what was accepted is kept all
     // the same, the writer's destruction below writes it out.
     MR_LOG(logger_, 30,

@@ -15,7 +15,7 @@ namespace Moreld::Time {
 //   ToDurationString(): seconds with a 9-digit fraction, "-1.500000000s"
 // The stream operator writes ToString().
 class TimePoint {
-public:
+  public:
     constexpr TimePoint() = default;
 
     static constexpr TimePoint FromNanoseconds(int64_t ns) { return TimePoint(ns); }
@@ -31,12 +31,27 @@ public:
 
     constexpr int64_t ToNanoseconds() const { return ns_; }
 
+    // Sets `sum` to a + b and returns true; returns false, leaving `sum`
+    // unchanged, when the sum does not fit 64 bits. For times and durations
+    // that come from outside.
+    static constexpr bool CheckedAdd(TimePoint a, TimePoint b, TimePoint& sum) {
+        int64_t ns = 0;
+        if (__builtin_add_overflow(a.ns_, b.ns_, &ns))
+            return false;
+        sum = TimePoint(ns);
+        return true;
+    }
+
     std::string ToString() const;
     std::string ToDurationString() const;
 
     friend constexpr auto operator<=>(TimePoint, TimePoint) = default;
-    friend constexpr TimePoint operator+(TimePoint a, TimePoint b) { return TimePoint(a.ns_ + b.ns_); }
-    friend constexpr TimePoint operator-(TimePoint a, TimePoint b) { return TimePoint(a.ns_ - b.ns_); }
+    friend constexpr TimePoint operator+(TimePoint a, TimePoint b) {
+        return TimePoint(a.ns_ + b.ns_);
+    }
+    friend constexpr TimePoint operator-(TimePoint a, TimePoint b) {
+        return TimePoint(a.ns_ - b.ns_);
+    }
     constexpr TimePoint& operator+=(TimePoint o) {
         ns_ += o.ns_;
         return *this;
@@ -46,7 +61,7 @@ public:
         return *this;
     }
 
-private:
+  private:
     constexpr explicit TimePoint(int64_t ns) : ns_(ns) {}
     int64_t ns_ = 0;
 };

@@ -66,7 +66,15 @@ long LoopRecordingCommonTrackStorage::ChooseTrackId(long requested) const {
     if (requested != 0)
         return requested;
     std::vector<long> ids = managers_.GetTrackIds();
-    return ids.empty() ? 1 : ids.back() + 1;
+    if (ids.empty())
+        return 1;
+    if (ids.back() == std::numeric_limits<long>::max()) {
+        std::string msg = Concat("Cannot choose an id for a new track: no track id is left after ",
+                                 ids.back(), ". Give the new track an id");
+        MR_LOG(logger_, 40, msg);
+        throw std::runtime_error(msg);
+    }
+    return ids.back() + 1;
 }
 
 long LoopRecordingCommonTrackStorage::CreateTrack(const Protocol::TrackParameters& in,
