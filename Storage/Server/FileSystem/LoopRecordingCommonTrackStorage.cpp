@@ -385,7 +385,14 @@ void LoopRecordingCommonTrackStorage::Protect(const long& track, const TimePoint
         throw std::runtime_error(msg);
     }
     LoopRecordingFileManager& manager = *managers_.GetManager(track);
-    const TimePoint to = from + duration;
+    TimePoint to;
+    if (!TimePoint::CheckedAdd(from, duration, to)) {
+        std::string msg =
+            Concat("T", track, ": Protection from ", from, " (", from.ToNanoseconds(),
+                   "ns) lasting ", duration.ToDurationString(), " ends after the last time point");
+        MR_LOG(logger_, 40, msg);
+        throw std::runtime_error(msg);
+    }
     if (isNew) {
         const long id = lastProtectionId_ + 1;
         manager.Protect(id, from, to);  // throws before anything is issued

@@ -410,6 +410,58 @@ TEST(LoopstoreServerTest, WhatTheStoreCannotKeepIsRefusedAndWhatItKeepsIsCounted
     EXPECT_EQ(2, s.CreateTrack(2, 1));
 }
 
+TEST(LoopstoreServerTest, BadProtectionsAndPropertiesAreInvalidArguments) {
+    ServerFixture s(4);
+    const long track = s.CreateTrack(1, 2);
+    ASSERT_TRUE(s.Record(track, 10 * kSecond, 3).ok());
+    const int64_t last = std::numeric_limits<int64_t>::max();
+    auto protect = [&](int64_t from, int64_t duration) {
+        rpc::ProtectRequest request;
+        request.set_track_id(track);
+        *request.mutable_from() = At(from);
+        *request.mutable_duration() = At(duration);
+        rpc::ProtectionId id;
+        return s.Tracks().Protect(s.Context().get(), request, &id);
+    };
+    const std::pair<grpc::Status, const char*> protections[] = {
+        {protect(10 * kSecond, 0), "must be > timepoint IN"},
+        {protect(10 * kSecond, -kSecond), "must be > timepoint IN"},
+        {protect(10 * kSecond, last), "ends after the last time point"},
+    };
+    for (const auto& [status, text] : protections) {
+        EXPECT_EQ(StatusCode::INVALID_ARGUMENT, status.error_code()) << status.error_message();
+        EXPECT_NE(std::string::npos, status.error_message().find(text)) << status.error_message();
+    }
+    EXPECT_TRUE(protect(0, last).ok());  // up to the end of time
+
+    auto setProperty = [&](const std::string& key, const std::string& value) {
+        rpc::TrackProperties request;
+        request.set_track_id(track);
+        Protocol::Property* property = request.mutable_properties()->add_properties();
+        property->set_key(key);
+        property->set_value(value);
+        rpc::Empty empty;
+        return s.Tracks().SetTrackProperties(s.Context().get(), request, &empty);
+    };
+    const std::pair<grpc::Status, const char*> properties[] = {
+        {setProperty("\xff\xfe", "v"), "is not valid UTF-8"},
+        {setProperty("k", "\xc3"), "is not valid UTF-8"},
+        {setProperty(std::string(1025, 'k'), "v"), "1025 bytes, more than 1024"},
+        {setProperty("k", std::string(64 * 1024 + 1, 'v')), "65537 bytes, more than 65536"},
+        {setProperty("k", std::string(10 * 1000 * 1000, 'v')), "more than 65536"},
+    };
+    for (const auto& [status, text] : properties) {
+        EXPECT_EQ(StatusCode::INVALID_ARGUMENT, status.error_code()) << status.error_message();
+        EXPECT_NE(std::string::npos, status.error_message().find(text)) << status.error_message();
+    }
+    // The largest property is taken and read back.
+    ASSERT_TRUE(setProperty(std::string(1024, 'k'), std::string(64 * 1024, 'v')).ok());
+    Protocol::PropertyList list;
+    ASSERT_TRUE(s.Tracks().GetTrackProperties(s.Context().get(), Id(track), &list).ok());
+    ASSERT_EQ(1, list.properties_size());
+    EXPECT_EQ(64u * 1024, list.properties(0).value().size());
+}
+
 TEST(LoopstoreServerTest, TokenIsRequiredWhenConfigured) {
     ServerFixture s(2, "s3cret");
     rpc::Bytes bytes;
