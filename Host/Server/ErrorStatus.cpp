@@ -29,6 +29,7 @@ constexpr Rule kRules[] = {
     {"must be > highest timepoint in cache", grpc::StatusCode::INVALID_ARGUMENT},
     {"cannot hold a chunk of size", grpc::StatusCode::INVALID_ARGUMENT},
     {"ends after the last time point", grpc::StatusCode::INVALID_ARGUMENT},
+    {"accumulated duration of the track would overflow", grpc::StatusCode::INVALID_ARGUMENT},
     {"must be lower than max cache size", grpc::StatusCode::INVALID_ARGUMENT},
     {"must be > timepoint IN", grpc::StatusCode::INVALID_ARGUMENT},
     {"is not valid UTF-8", grpc::StatusCode::INVALID_ARGUMENT},

@@ -127,6 +127,15 @@ void LoopRecordingFileTrackWriter::CheckAndThrow(const TimePoint& t, const TimeP
         MR_LOG(logger_, 50, msg.str());
         throw std::runtime_error(msg.str());
     }
+    TimePoint accumulated;
+    if (!TimePoint::CheckedAdd(accumulatedDuration_, duration, accumulated)) {
+        // Reachable: a clear takes chunks away, their durations stay counted.
+        std::ostringstream msg;
+        msg << "T" << trackId_ << ": Chunk at " << t << " lasting " << duration.ToDurationString()
+            << ": the accumulated duration of the track would overflow";
+        MR_LOG(logger_, 50, msg.str());
+        throw std::runtime_error(msg.str());
+    }
     if (t < endOfTrack_) {
         std::ostringstream msg;
         msg << "T" << trackId_ << ": Chunk's timepoint " << t << " is < end of track "

@@ -225,6 +225,33 @@ TEST(TrackWriterReader, ChunksTheTrackCannotStoreAreRefusedAtAppend) {
                   TimePoint::FromNanoseconds(kSecond).ToString() + " for track 15");
 }
 
+TEST(TrackWriterReader, TheAccumulatedDurationNeverOverflows) {
+    // Durations add up across chunks that a clear took away: a client can
+    // make their sum pass the 64-bit range without any chunk's end doing so.
+    TrackIo io(17, 3, 16 * 1024);
+    const int64_t huge = 3 * (int64_t{1} << 61);
+    auto record = [&](int64_t t, int64_t duration) {
+        LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+        writer.SetTrackDirectory(io.Root());
+        Protocol::Chunk chunk = MakeChunkMessage(t, duration, 10000);  // a file each
+        std::string refused;
+        try {
+            writer.Append(chunk);
+        } catch (const std::runtime_error& e) {
+            refused = e.what();
+        }
+        return refused;
+    };
+    EXPECT_EQ(record(0, kSecond), "");
+    EXPECT_EQ(record(kSecond, huge), "");
+    io.Manager().Protect(1, TimePoint(), TimePoint::FromNanoseconds(1));
+    io.Manager().Clear();  // the end of the track goes back to 1 s
+    EXPECT_EQ(io.Manager().GetEndOfTrack().ToNanoseconds(), kSecond);
+    EXPECT_NE(record(kSecond, huge).find("the accumulated duration of the track would overflow"),
+              std::string::npos);
+    EXPECT_EQ(record(kSecond, kSecond), "");
+}
+
 TEST(TrackWriterReader, ChunksLostAfterAppendAreReportedWithWhatWasStored) {
     TrackIo io(16, 3, 16 * 1024);
     // Files 1 and 3 lost their end after they were lent: two records of the
