@@ -20,6 +20,24 @@ grpc::Status TrackWriterRpc::Write(grpc::ServerContext* context,
     return guard_.Run(*context, "Write", [&] { Record(*context, *stream, *summary); });
 }
 
+void TrackWriterRpc::AppendOrSayWhatWasStored(MoreldStorageApi::ITrackWriter& writer,
+                                              const Protocol::Chunk& chunk) {
+    try {
+        writer.Append(chunk);
+    } catch (const std::runtime_error& refusal) {
+        // The stream ends here: the client learns what it kept of it.
+        std::string text = refusal.what();
+        long stored = 0;
+        try {
+            writer.WaitUntilStored(stored);
+        } catch (const std::runtime_error& loss) {
+            text += std::string("; ") + loss.what();
+        }
+        throw std::runtime_error(text + " (" + std::to_string(stored) +
+                                 " chunks of this stream stored)");
+    }
+}
+
 void TrackWriterRpc::Record(grpc::ServerContext& context,
                             grpc::ServerReader<rpc::WriteRequest>& stream,
                             rpc::WriteSummary& summary) {
@@ -47,7 +65,7 @@ void TrackWriterRpc::Record(grpc::ServerContext& context,
         // `end` holds it.
         Moreld::Time::TimePoint::CheckedAdd(Converter::From(chunk.timepoint()),
                                             Converter::From(chunk.duration()), end);
-        writer->Append(chunk);
+        AppendOrSayWhatWasStored(*writer, chunk);
         summary.set_chunks(summary.chunks() + 1);
         summary.set_bytes(summary.bytes() + bytes);
         summary.mutable_end()->set_nanoseconds(end.ToNanoseconds());

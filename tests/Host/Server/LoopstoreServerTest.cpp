@@ -375,10 +375,18 @@ TEST(LoopstoreServerTest, WhatTheStoreCannotKeepIsRefusedAndWhatItKeepsIsCounted
         EXPECT_NE(std::string::npos, status.error_message().find(text)) << status.error_message();
     }
 
+    // A refusal says what the stream stored before it.
+    rpc::WriteSummary partial;
+    const grpc::Status late =
+        Write(s, track, {ChunkAt(kSecond, kSecond, 100), ChunkAt(2 * kSecond, last, 100)}, partial);
+    EXPECT_EQ(StatusCode::INVALID_ARGUMENT, late.error_code());
+    EXPECT_NE(std::string::npos, late.error_message().find("(1 chunks of this stream stored)"))
+        << late.error_message();
+
     // What is accepted is stored, up to the end of time.
     rpc::WriteSummary summary;
     ASSERT_TRUE(Write(s, track,
-                      {ChunkAt(kSecond, kSecond, 100), ChunkAt(2 * kSecond, kSecond, 100),
+                      {ChunkAt(2 * kSecond, kSecond, 100), ChunkAt(3 * kSecond, kSecond, 100),
                        ChunkAt(last - 2 * kSecond, kSecond, 100)},
                       summary)
                     .ok());
@@ -388,7 +396,7 @@ TEST(LoopstoreServerTest, WhatTheStoreCannotKeepIsRefusedAndWhatItKeepsIsCounted
     rpc::Count count;
     ASSERT_TRUE(
         s.Tracks().GetNumberOfChunks(s.Context().get(), Between(track, 0, last), &count).ok());
-    EXPECT_EQ(3, count.value());
+    EXPECT_EQ(4, count.value());
 
     // A track left without files refuses chunks.
     Protocol::TrackParameters shrink, answer;
