@@ -9,6 +9,7 @@
 #include "Host/Cli/CliError.h"
 #include "Host/Cli/ClientOptions.h"
 #include "Host/Cli/Output.h"
+#include "Host/Cli/StorageClient.h"
 #include "Host/Cli/TimeParser.h"
 #include "Platform/Plexa/Converter.h"
 
@@ -26,6 +27,16 @@ struct Args {
     std::string output;
 };
 
+// "skipped 2 damaged records (at <t1>, <t2>)", the list cut as the server cut it.
+std::string DamagedText(const StorageClient::Damaged& damaged) {
+    std::ostringstream text;
+    text << "skipped " << damaged.count << " damaged records (at ";
+    for (size_t i = 0; i < damaged.at.size(); ++i)
+        text << (i == 0 ? "" : ", ") << damaged.at[i].ToString();
+    text << (damaged.at.size() < damaged.count ? ", ...)" : ")");
+    return text.str();
+}
+
 void Export(const ClientCommand<Args>& c) {
     const Args& a = c.extra;
     const auto [from, to] = TimeParser::ParseRange(a.from, a.to, TimePoint::Now());
@@ -41,16 +52,22 @@ void Export(const ClientCommand<Args>& c) {
     std::ostream& out = toStdout ? std::cout : file;
     uint64_t bytes = 0;
     TimePoint first = TimePoint::FromNanoseconds(-1), end = TimePoint::FromNanoseconds(-1);
-    const uint64_t chunks = client->Export(a.track, from, to, [&](const Protocol::Chunk& chunk) {
-        out.write(chunk.data().data(), static_cast<std::streamsize>(chunk.data().size()));
-        bytes += chunk.data().size();
-        if (first.ToNanoseconds() == -1)
-            first = Converter::From(chunk.timepoint());
-        end = Converter::From(chunk.timepoint()) + Converter::From(chunk.duration());
-    });
+    StorageClient::Damaged damaged;
+    const uint64_t chunks = client->Export(
+        a.track, from, to,
+        [&](const Protocol::Chunk& chunk) {
+            out.write(chunk.data().data(), static_cast<std::streamsize>(chunk.data().size()));
+            bytes += chunk.data().size();
+            if (first.ToNanoseconds() == -1)
+                first = Converter::From(chunk.timepoint());
+            end = Converter::From(chunk.timepoint()) + Converter::From(chunk.duration());
+        },
+        &damaged);
     out.flush();
     if (!out)
         throw CliError("cannot write the output " + a.output);
+    if (damaged.count != 0)
+        std::cerr << "warning: " << DamagedText(damaged) << "\n";
     std::ostringstream text;
     text << "exported " << chunks << " chunks, " << Output::Bytes(bytes) << " of track " << a.track
          << " to " << a.output << " (" << Output::Time(first) << " .. " << Output::Time(end) << ")";
@@ -61,6 +78,7 @@ void Export(const ClientCommand<Args>& c) {
                 {"bytes", bytes},
                 {"first", Output::TimeJson(first)},
                 {"end", Output::TimeJson(end)},
+                {"damaged", damaged.count},
                 {"output", a.output}},
                text.str());
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "Platform/Time/TimePoint.h"
@@ -22,6 +23,8 @@ class IChunkSource {
     // `start`; false at the end of the stream. Throws CliError on a read
     // error.
     virtual bool Next(Moreld::Time::TimePoint start, SourceChunk& out) = 0;
+    // Bytes of the input that went into no chunk (not part of the format).
+    virtual uint64_t DroppedBytes() const { return 0; }
 };
 
 }  // namespace loopstore::cli

@@ -20,7 +20,8 @@ class MpegTsChunkSource : public IChunkSource {
                       Moreld::Time::TimePoint chunkDuration);
 
     bool Next(Moreld::Time::TimePoint start, SourceChunk& out) override;
-    uint64_t SkippedBytes() const { return chunker_.SkippedBytes(); }
+    // Bytes that were not on a packet boundary, and a trailing partial packet.
+    uint64_t DroppedBytes() const override { return chunker_.SkippedBytes(); }
 
   private:
     std::istream& in_;

@@ -86,10 +86,16 @@ void Record(const ClientCommand<Args>& c) {
     text << "recorded " << s.chunks << " chunks, " << Output::Bytes(s.bytes) << " on track "
          << a.track << ": " << s.first << " .. " << s.end << " (" << (mpegts ? "MPEG-TS, " : "")
          << static_cast<uint64_t>(s.bytes / std::max(seconds, 1e-6) / 1e6) << " MB/s)";
+    if (s.stored != s.chunks)
+        text << "; " << s.stored << " of them stored";
+    if (s.dropped != 0)
+        text << "; " << s.dropped << " bytes dropped (not MPEG-TS packets)";
     Output(c.client.json, std::cout)
         .Print({{"track_id", a.track},
                 {"chunks", s.chunks},
+                {"stored", s.stored},
                 {"bytes", s.bytes},
+                {"dropped_bytes", s.dropped},
                 {"from", s.first.ToString()},
                 {"to", s.end.ToString()},
                 {"mpegts", mpegts},

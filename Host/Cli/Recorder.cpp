@@ -34,7 +34,8 @@ Recorder::Summary Recorder::Run(IChunkSource& source, std::optional<TimePoint> s
         summary.end += piece.duration;
         ++summary.chunks;
     }
-    stream->Finish();
+    summary.stored = static_cast<uint64_t>(stream->Finish().stored());
+    summary.dropped = source.DroppedBytes();
     return summary;
 }
 

@@ -20,8 +20,10 @@ class Recorder {
     using TimePoint = Moreld::Time::TimePoint;
 
     struct Summary {
-        uint64_t chunks = 0;
+        uint64_t chunks = 0;  // sent and accepted
+        uint64_t stored = 0;  // stored by the server, as it reports
         uint64_t bytes = 0;
+        uint64_t dropped = 0;  // of the input, in no chunk
         TimePoint first;
         TimePoint end;
     };

@@ -7,6 +7,7 @@
 
 #include "Host/Cli/CliError.h"
 #include "Host/Cli/TrackWriteStream.h"
+#include "Host/Rpc/WireConstants.h"
 #include "Platform/Plexa/Converter.h"
 
 namespace loopstore::cli {
@@ -34,6 +35,34 @@ std::string ReadToken(const std::string& tokenFile) {
     return token;
 }
 
+// Answers may be as large as what the server accepts: a track's
+// properties, an exported chunk.
+std::shared_ptr<grpc::Channel> OpenChannel(const std::string& address) {
+    grpc::ChannelArguments arguments;
+    arguments.SetMaxReceiveMessageSize(rpc::kMaxMessageBytes);
+    arguments.SetMaxSendMessageSize(rpc::kMaxMessageBytes);
+    return grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
+}
+
+std::string Metadata(const std::multimap<grpc::string_ref, grpc::string_ref>& metadata,
+                     const char* key) {
+    auto it = metadata.find(key);
+    return it == metadata.end() ? std::string() : std::string(it->second.data(), it->second.size());
+}
+
+StorageClient::Damaged ReadDamaged(
+    const std::multimap<grpc::string_ref, grpc::string_ref>& trailer) {
+    StorageClient::Damaged damaged;
+    const std::string count = Metadata(trailer, rpc::kDamagedRecordsKey);
+    if (count.empty())
+        return damaged;
+    damaged.count = std::stoull(count);
+    std::stringstream listed(Metadata(trailer, rpc::kDamagedAtKey));
+    for (std::string ns; std::getline(listed, ns, ',');)
+        damaged.at.push_back(Moreld::Time::TimePoint::FromNanoseconds(std::stoll(ns)));
+    return damaged;
+}
+
 std::string Track(int64_t id) {
     return "track " + std::to_string(id);
 }
@@ -43,7 +72,7 @@ std::string Track(int64_t id) {
 StorageClient::StorageClient(const std::string& address, const std::string& tokenFile)
     : address_(address),
       token_(ReadToken(tokenFile)),
-      channel_(grpc::CreateChannel(address, grpc::InsecureChannelCredentials())),
+      channel_(OpenChannel(address)),
       storage_(rpc::TrackStorage::NewStub(channel_)),
       writer_(rpc::TrackWriter::NewStub(channel_)),
       reader_(rpc::TrackReader::NewStub(channel_)) {}
@@ -256,7 +285,8 @@ std::unique_ptr<TrackWriteStream> StorageClient::OpenWriter(int64_t id) {
 }
 
 uint64_t StorageClient::Export(int64_t id, TimePoint from, TimePoint to,
-                               const std::function<void(const Protocol::Chunk&)>& onChunk) {
+                               const std::function<void(const Protocol::Chunk&)>& onChunk,
+                               Damaged* damaged) {
     rpc::ExportRequest request;
     request.set_track_id(id);
     *request.mutable_from() = Converter::To(from);
@@ -278,6 +308,8 @@ uint64_t StorageClient::Export(int64_t id, TimePoint from, TimePoint to,
         throw;
     }
     Check(stream->Finish(), "exporting " + Track(id));
+    if (damaged != nullptr)
+        *damaged = ReadDamaged(context.GetServerTrailingMetadata());
     return count;
 }
 

@@ -64,10 +64,18 @@ class StorageClient {
 
     // A write stream on the track (a writer lives as long as it).
     std::unique_ptr<TrackWriteStream> OpenWriter(int64_t id);
+    // Records an export skipped because the server could not read them:
+    // how many, and the starts of the first of them.
+    struct Damaged {
+        uint64_t count = 0;
+        std::vector<TimePoint> at;
+    };
     // Calls `onChunk` for every chunk overlapping [from, to), in order;
-    // returns their count.
+    // returns their count. Fills `damaged`, when given, with what the
+    // server skipped.
     uint64_t Export(int64_t id, TimePoint from, TimePoint to,
-                    const std::function<void(const Protocol::Chunk&)>& onChunk);
+                    const std::function<void(const Protocol::Chunk&)>& onChunk,
+                    Damaged* damaged = nullptr);
 
     // Fills `context` with the token; used by the streams.
     void Prepare(grpc::ClientContext& context, bool withDeadline) const;

@@ -16,7 +16,10 @@ struct Rule {
 // "Cannot ..." refusals that wrap it; "already exist" (a second creation)
 // never contains "does not exist", so the two cannot be confused.
 constexpr Rule kRules[] = {
+    // Accepted chunks lost later: the text carries the reason after it.
+    {"could not be stored", grpc::StatusCode::DATA_LOSS},
     {" free files remaining", grpc::StatusCode::RESOURCE_EXHAUSTED},
+    {"No more recyclable file available", grpc::StatusCode::RESOURCE_EXHAUSTED},
     {"has not been created", grpc::StatusCode::NOT_FOUND},
     {"Track is not created", grpc::StatusCode::NOT_FOUND},
     {"does not exist", grpc::StatusCode::NOT_FOUND},
@@ -25,6 +28,16 @@ constexpr Rule kRules[] = {
     {"is < end of track", grpc::StatusCode::INVALID_ARGUMENT},
     {"must be > highest timepoint in cache", grpc::StatusCode::INVALID_ARGUMENT},
     {"cannot hold a chunk of size", grpc::StatusCode::INVALID_ARGUMENT},
+    {"ends after the last time point", grpc::StatusCode::INVALID_ARGUMENT},
+    {"accumulated duration of the track would overflow", grpc::StatusCode::INVALID_ARGUMENT},
+    {"must be lower than max cache size", grpc::StatusCode::INVALID_ARGUMENT},
+    {"must be > timepoint IN", grpc::StatusCode::INVALID_ARGUMENT},
+    {"is not valid UTF-8", grpc::StatusCode::INVALID_ARGUMENT},
+    {" bytes, more than ", grpc::StatusCode::INVALID_ARGUMENT},
+    {"You must call GrowTrack", grpc::StatusCode::FAILED_PRECONDITION},
+    {"Nothing to protect on track", grpc::StatusCode::FAILED_PRECONDITION},
+    {"no files were protected", grpc::StatusCode::FAILED_PRECONDITION},
+    {"no track id is left after", grpc::StatusCode::FAILED_PRECONDITION},
     {"already being written to", grpc::StatusCode::FAILED_PRECONDITION},
     {"active workers", grpc::StatusCode::FAILED_PRECONDITION},
     {"already exist", grpc::StatusCode::FAILED_PRECONDITION},

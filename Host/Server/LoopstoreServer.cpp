@@ -16,14 +16,13 @@
 #include <stdexcept>
 #include <utility>
 
+#include "Host/Rpc/WireConstants.h"
 #include "Platform/Logging/LoggingManager.h"
 
 namespace loopstore::host {
 
 namespace {
 
-// Chunks are video frames or groups of them: well above gRPC's 4 MB default.
-constexpr int kMaxMessageBytes = 64 * 1024 * 1024;
 // Unary calls in progress get this long to finish at a stop; streams still
 // open after it are cancelled.
 constexpr auto kShutdownGrace = std::chrono::milliseconds(500);
@@ -170,8 +169,8 @@ void LoopstoreServer::Listen(const std::string& token) {
     // of the calls meant for the first.
     builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
     builder.AddListeningPort(options_.listenAddress, grpc::InsecureServerCredentials(), &port_);
-    builder.SetMaxReceiveMessageSize(kMaxMessageBytes);
-    builder.SetMaxSendMessageSize(kMaxMessageBytes);
+    builder.SetMaxReceiveMessageSize(rpc::kMaxMessageBytes);
+    builder.SetMaxSendMessageSize(rpc::kMaxMessageBytes);
     builder.RegisterService(trackStorageRpc_.get());
     builder.RegisterService(trackWriterRpc_.get());
     builder.RegisterService(trackReaderRpc_.get());

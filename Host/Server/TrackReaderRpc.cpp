@@ -3,6 +3,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "Host/Rpc/WireConstants.h"
+#include "Host/Server/RangeExporter.h"
 #include "Platform/Logging/LoggingManager.h"
 
 namespace loopstore::host {
@@ -84,6 +86,20 @@ void TrackReaderRpc::Serve(grpc::ServerContext& context,
     } while (stream.Read(&request));
 }
 
+void TrackReaderRpc::ReportDamaged(grpc::ServerContext& context, long trackId,
+                                   const std::vector<int64_t>& damaged) {
+    if (damaged.empty())
+        return;
+    std::string listed;
+    for (size_t i = 0; i < damaged.size() && i < rpc::kMaxDamagedListed; ++i)
+        listed += (i == 0 ? "" : ",") + std::to_string(damaged[i]);
+    context.AddTrailingMetadata(rpc::kDamagedRecordsKey, std::to_string(damaged.size()));
+    context.AddTrailingMetadata(rpc::kDamagedAtKey, listed);
+    MR_LOG(logger_, 40,
+           "T" << trackId << ": export to " << context.peer() << " skipped " << damaged.size()
+               << " damaged records");
+}
+
 void TrackReaderRpc::Walk(grpc::ServerContext& context, const rpc::ExportRequest& request,
                           grpc::ServerWriter<Protocol::Chunk>& stream) {
     const long trackId = static_cast<long>(request.track_id());
@@ -92,21 +108,11 @@ void TrackReaderRpc::Walk(grpc::ServerContext& context, const rpc::ExportRequest
     std::unique_ptr<MoreldStorageApi::Service> service = services_.Construct(context);
     ClientObject<MoreldStorageApi::ITrackReader> reader(
         service->trackReaderFactory->Create(trackId));
-    // The chunk holding `from` overlaps the range even when it starts before.
-    Protocol::Chunk chunk;
-    bool found = false;
-    reader->GetChunk(request.from(), request.keys(), chunk, found);
-    if (!found)
-        reader->GetNextChunk(request.from(), request.keys(), chunk, found);
-    long sent = 0;
-    while (found && chunk.timepoint().nanoseconds() < to && !context.IsCancelled()) {
-        const Protocol::TimePoint at = chunk.timepoint();
-        if (!stream.Write(chunk))
-            break;
-        ++sent;
-        chunk.Clear();
-        reader->GetNextChunk(at, request.keys(), chunk, found);
-    }
+    RangeExporter exporter(*reader, trackId, request.keys());
+    const long sent = exporter.Run(request.from(), to, [&](const Protocol::Chunk& chunk) {
+        return !context.IsCancelled() && stream.Write(chunk);
+    });
+    ReportDamaged(context, trackId, exporter.Damaged());
     MR_LOG(logger_, 20, "T" << trackId << ": exported " << sent << " chunks to " << context.peer());
 }
 

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstdint>
+#include <vector>
+
 #include "Host/Rpc/Loopstore.grpc.pb.h"
 #include "Host/Server/CallGuard.h"
 #include "Host/Server/PeerServiceFactory.h"
@@ -25,7 +28,9 @@ class TrackReaderRpc final : public rpc::TrackReader::Service {
         grpc::ServerContext* context,
         grpc::ServerReaderWriter<rpc::ReadReply, rpc::ReadRequest>* stream) override;
 
-    // INVALID_ARGUMENT when `to` is before `from`.
+    // INVALID_ARGUMENT when `to` is before `from`. Records that cannot be
+    // read are skipped; their number and starts go back in the trailing
+    // metadata (rpc::kDamagedRecordsKey, rpc::kDamagedAtKey).
     grpc::Status Export(grpc::ServerContext* context, const rpc::ExportRequest* request,
                         grpc::ServerWriter<Protocol::Chunk>* stream) override;
 
@@ -44,6 +49,8 @@ class TrackReaderRpc final : public rpc::TrackReader::Service {
                grpc::ServerReaderWriter<rpc::ReadReply, rpc::ReadRequest>& stream);
     void Walk(grpc::ServerContext& context, const rpc::ExportRequest& request,
               grpc::ServerWriter<Protocol::Chunk>& stream);
+    void ReportDamaged(grpc::ServerContext& context, long trackId,
+                       const std::vector<int64_t>& damaged);
 
     const PeerServiceFactory& services_;
     const CallGuard& guard_;

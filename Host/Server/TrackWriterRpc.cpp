@@ -4,8 +4,11 @@
 
 #include "Host/Server/RequestChecks.h"
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Plexa/Converter.h"
 
 namespace loopstore::host {
+
+using Moreld::Plexa::Converter;
 
 TrackWriterRpc::TrackWriterRpc(const PeerServiceFactory& services, const CallGuard& guard)
     : services_(services),
@@ -16,6 +19,24 @@ grpc::Status TrackWriterRpc::Write(grpc::ServerContext* context,
                                    grpc::ServerReader<rpc::WriteRequest>* stream,
                                    rpc::WriteSummary* summary) {
     return guard_.Run(*context, "Write", [&] { Record(*context, *stream, *summary); });
+}
+
+void TrackWriterRpc::AppendOrSayWhatWasStored(MoreldStorageApi::ITrackWriter& writer,
+                                              const Protocol::Chunk& chunk) {
+    try {
+        writer.Append(chunk);
+    } catch (const std::runtime_error& refusal) {
+        // The stream ends here: the client learns what it kept of it.
+        std::string text = refusal.what();
+        long stored = 0;
+        try {
+            writer.WaitUntilStored(stored);
+        } catch (const std::runtime_error& loss) {
+            text += std::string("; ") + loss.what();
+        }
+        throw std::runtime_error(text + " (" + std::to_string(stored) +
+                                 " chunks of this stream stored)");
+    }
 }
 
 void TrackWriterRpc::Record(grpc::ServerContext& context,
@@ -33,6 +54,9 @@ void TrackWriterRpc::Record(grpc::ServerContext& context,
     MR_LOG(logger_, 30, "T" << trackId << ": write stream opened by " << context.peer());
     while (stream.Read(&request))
         Accept(trackId, request, *writer, summary);
+    long stored = 0;
+    writer->WaitUntilStored(stored);  // throws when accepted chunks were lost
+    summary.set_stored(stored);
     // A stop of the server cancels the stream; what was accepted is kept all
     // the same, the writer's destruction below writes it out.
     MR_LOG(logger_, 30,
@@ -58,7 +82,7 @@ void TrackWriterRpc::Accept(long trackId, const rpc::WriteRequest& request,
     const int64_t end =
         RequestChecks::EndOf(chunk.timepoint().nanoseconds(), chunk.duration().nanoseconds(),
                              "T" + std::to_string(trackId) + ": a chunk");
-    writer.Append(chunk);
+    AppendOrSayWhatWasStored(writer, chunk);
     summary.set_chunks(summary.chunks() + 1);
     summary.set_bytes(summary.bytes() + bytes);
     summary.mutable_end()->set_nanoseconds(end);

@@ -4,6 +4,7 @@
 #include "Host/Server/CallGuard.h"
 #include "Host/Server/PeerServiceFactory.h"
 #include "Platform/Logging/Logger.h"
+#include "Platform/Services/ITrackWriter.h"
 
 namespace loopstore::host {
 
@@ -19,7 +20,8 @@ class TrackWriterRpc final : public rpc::TrackWriter::Service {
     TrackWriterRpc(const PeerServiceFactory& services, const CallGuard& guard);
 
     // OK with the summary when the client closed the stream; otherwise the
-    // refusal's status (the chunks accepted before it are kept).
+    // refusal's status, whose text ends with how many chunks of the stream
+    // were stored (the chunks accepted before it are kept).
     grpc::Status Write(grpc::ServerContext* context, grpc::ServerReader<rpc::WriteRequest>* stream,
                        rpc::WriteSummary* summary) override;
 
@@ -34,6 +36,9 @@ class TrackWriterRpc final : public rpc::TrackWriter::Service {
                        MoreldStorageApi::ITrackWriter& writer, rpc::WriteSummary& summary);
 
   private:
+    // A refusal is passed on with the number of chunks the stream stored.
+    static void AppendOrSayWhatWasStored(MoreldStorageApi::ITrackWriter& writer,
+                                         const Protocol::Chunk& chunk);
     void Record(grpc::ServerContext& context, grpc::ServerReader<rpc::WriteRequest>& stream,
                 rpc::WriteSummary& summary);
 

@@ -33,6 +33,17 @@ class TimePoint {
 
     constexpr int64_t ToNanoseconds() const { return ns_; }
 
+    // Sets `sum` to a + b and returns true; returns false, leaving `sum`
+    // unchanged, when the sum does not fit 64 bits. For times and durations
+    // that come from outside.
+    static constexpr bool CheckedAdd(TimePoint a, TimePoint b, TimePoint& sum) {
+        int64_t ns = 0;
+        if (__builtin_add_overflow(a.ns_, b.ns_, &ns))
+            return false;
+        sum = TimePoint(ns);
+        return true;
+    }
+
     std::string ToString() const;
     std::string ToDurationString() const;
 

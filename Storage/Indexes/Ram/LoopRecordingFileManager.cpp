@@ -253,6 +253,13 @@ FileSystem::Chunk LoopRecordingFileManager::AppendInBlockLocked(FileSystem::Bloc
     return chunk;
 }
 
+void LoopRecordingFileManager::NoteFileSize(const ChunkFile& file) {
+    const unsigned long size = static_cast<unsigned long>(file.Size());
+    unsigned long known = fileSize_.load();
+    while (size > known && !fileSize_.compare_exchange_weak(known, size)) {
+    }
+}
+
 // With indexMutex_ held exclusively: the writer is about to write there.
 void LoopRecordingFileManager::NotePlaced(const ChunkFile& file) {
     if (writing_ && fileBeingWritten_ != file)
@@ -297,6 +304,7 @@ bool LoopRecordingFileManager::IndexBlock(FileSystem::Block block) {
     const bool recyclable = block.GetProtections().empty();
     trackSize_ += block.GetCurrentSize() - kFileHeaderSize;
     maxTrackSize_ += static_cast<unsigned long>(block.GetChunkFile().Size());
+    NoteFileSize(block.GetChunkFile());
     blocks_.emplace(key, std::move(block));
     if (recyclable)
         recyclableKeys_.insert(key);
@@ -507,6 +515,7 @@ void LoopRecordingFileManager::InsertFiles(const std::vector<ChunkFile>& files) 
     unsigned long bytes = 0;
     for (ChunkFile file : files) {
         file.SetFromEmptyFile(true);
+        NoteFileSize(file);
         emptyFiles_.push_back(file);
         bytes += static_cast<unsigned long>(file.Size());
     }

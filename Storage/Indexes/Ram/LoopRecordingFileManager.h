@@ -137,6 +137,9 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     unsigned long GetMaxTrackSize() const { return maxTrackSize_.load(); }
     // Payload bytes of the indexed chunks.
     unsigned long GetTrackSize() const { return trackSize_.load(); }
+    // Size of the track's files (the largest it was given): a chunk takes at
+    // most this minus the 16-byte file header. 0 before any file.
+    unsigned long GetFileSize() const { return fileSize_.load(); }
     std::map<TimePoint, FileSystem::Block> GetBlocks() const;
     std::set<TimePoint> GetRecyclableKeys() const;
     std::deque<ChunkFile> GetEmptyFiles() const;
@@ -160,6 +163,7 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     FileSystem::Chunk AppendInBlockLocked(FileSystem::Block& block, const TimePoint& tp,
                                           const TimePoint& duration, unsigned long size);
     void CountAppended(const FileSystem::Chunk& chunk);
+    void NoteFileSize(const ChunkFile& file);
     void NotePlaced(const ChunkFile& file);
     bool IsBeingWritten(const ChunkFile& file) const;
     std::vector<FileSystem::Chunk> StillIndexed(const std::vector<FileSystem::Chunk>& chunks) const;
@@ -197,6 +201,7 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     // Written by the appending thread (or under the locks above), read anywhere.
     std::atomic<unsigned long> maxTrackSize_{0};
     std::atomic<unsigned long> trackSize_{0};
+    std::atomic<unsigned long> fileSize_{0};
     std::atomic<TimePoint> beginningOfTrack_{TimePoint()};
     std::atomic<TimePoint> endOfTrack_{TimePoint()};
     std::atomic<TimePoint> accumulatedDuration_{TimePoint()};

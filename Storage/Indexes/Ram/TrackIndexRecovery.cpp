@@ -41,6 +41,7 @@ void TrackIndexRecovery::LoadEmptyFiles() {
         if (!inBlock && !listedIn(m_.emptyFiles_, file)) {
             m_.emptyFiles_.push_back(file);
             m_.maxTrackSize_ += static_cast<unsigned long>(file.Size());
+            m_.NoteFileSize(file);
             continue;
         }
         // Left by a version that could list a file twice: it counts once,

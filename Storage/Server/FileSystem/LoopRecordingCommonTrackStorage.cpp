@@ -66,7 +66,15 @@ long LoopRecordingCommonTrackStorage::ChooseTrackId(long requested) const {
     if (requested != 0)
         return requested;
     std::vector<long> ids = managers_.GetTrackIds();
-    return ids.empty() ? 1 : ids.back() + 1;
+    if (ids.empty())
+        return 1;
+    if (ids.back() == std::numeric_limits<long>::max()) {
+        std::string msg = Concat("Cannot choose an id for a new track: no track id is left after ",
+                                 ids.back(), ". Give the new track an id");
+        MR_LOG(logger_, 40, msg);
+        throw std::runtime_error(msg);
+    }
+    return ids.back() + 1;
 }
 
 long LoopRecordingCommonTrackStorage::CreateTrack(const Protocol::TrackParameters& in,
@@ -377,7 +385,14 @@ void LoopRecordingCommonTrackStorage::Protect(const long& track, const TimePoint
         throw std::runtime_error(msg);
     }
     LoopRecordingFileManager& manager = *managers_.GetManager(track);
-    const TimePoint to = from + duration;
+    TimePoint to;
+    if (!TimePoint::CheckedAdd(from, duration, to)) {
+        std::string msg =
+            Concat("T", track, ": Protection from ", from, " (", from.ToNanoseconds(),
+                   "ns) lasting ", duration.ToDurationString(), " ends after the last time point");
+        MR_LOG(logger_, 40, msg);
+        throw std::runtime_error(msg);
+    }
     if (isNew) {
         const long id = lastProtectionId_ + 1;
         manager.Protect(id, from, to);  // throws before anything is issued

@@ -14,6 +14,8 @@ namespace {
 
 // Bytes a writer lets its track's cache hold.
 constexpr unsigned long kWriterCacheBytes = 50000000;
+// Every chunk file starts with a header of this size.
+constexpr unsigned long kFileHeaderSize = 16;
 
 long Milliseconds(const Moreld::Tools::StdTimer& timer) {
     return timer.GetEllapsedTime() / 1000;
@@ -117,6 +119,23 @@ void LoopRecordingFileTrackWriter::CheckAndThrow(const TimePoint& t, const TimeP
         MR_LOG(logger_, 50, msg.str());
         throw std::runtime_error(msg.str());
     }
+    TimePoint end;
+    if (!TimePoint::CheckedAdd(t, duration, end)) {
+        std::ostringstream msg;
+        msg << "T" << trackId_ << ": Chunk at " << t << " (" << t.ToNanoseconds() << "ns) lasting "
+            << duration.ToDurationString() << " ends after the last time point";
+        MR_LOG(logger_, 50, msg.str());
+        throw std::runtime_error(msg.str());
+    }
+    TimePoint accumulated;
+    if (!TimePoint::CheckedAdd(accumulatedDuration_, duration, accumulated)) {
+        // Reachable: a clear takes chunks away, their durations stay counted.
+        std::ostringstream msg;
+        msg << "T" << trackId_ << ": Chunk at " << t << " lasting " << duration.ToDurationString()
+            << ": the accumulated duration of the track would overflow";
+        MR_LOG(logger_, 50, msg.str());
+        throw std::runtime_error(msg.str());
+    }
     if (t < endOfTrack_) {
         std::ostringstream msg;
         msg << "T" << trackId_ << ": Chunk's timepoint " << t << " is < end of track "
@@ -124,6 +143,55 @@ void LoopRecordingFileTrackWriter::CheckAndThrow(const TimePoint& t, const TimeP
         MR_LOG(logger_, 50, msg.str());
         throw std::runtime_error(msg.str());
     }
+}
+
+void LoopRecordingFileTrackWriter::CheckRoom(const TimePoint& t, unsigned long size) {
+    std::ostringstream msg;
+    const unsigned long fileSize = manager_.GetFileSize();
+    if (manager_.GetMaxTrackSize() == 0) {
+        // The index's own words for it.
+        msg << "You must call GrowTrack to store chunks at " << t.ToString() << " for track "
+            << trackId_;
+    } else if (fileSize < kFileHeaderSize || size > fileSize - kFileHeaderSize) {
+        msg << "T" << trackId_ << ": Chunk at " << t << " takes " << size << "B on file: files of "
+            << fileSize << "B cannot hold a chunk of size " << size;
+    } else {
+        return;
+    }
+    MR_LOG(logger_, 50, msg.str());
+    throw std::runtime_error(msg.str());
+}
+
+void LoopRecordingFileTrackWriter::CountLoss(const TimePoint& t, const std::string& reason) {
+    std::lock_guard<std::mutex> lock(lossMutex_);
+    if (lostChunks_++ == 0) {
+        std::ostringstream first;
+        first << t << ": " << reason;
+        firstLoss_ = first.str();
+    }
+}
+
+void LoopRecordingFileTrackWriter::ThrowLosses() {
+    std::ostringstream msg;
+    {
+        std::lock_guard<std::mutex> lock(lossMutex_);
+        if (lostChunks_ == 0)
+            return;
+        msg << "T" << trackId_ << ": " << lostChunks_
+            << " chunks accepted could not be stored, the first at " << firstLoss_
+            << " (this writer stored " << storedChunks_.load() << " chunks)";
+        lostChunks_ = 0;
+    }
+    MR_LOG(logger_, 50, msg.str());
+    throw std::runtime_error(msg.str());
+}
+
+void LoopRecordingFileTrackWriter::WaitUntilStored(long& stored) {
+    // Stopping drains the flusher thread; the writer goes on with a new one.
+    cache_.Stop();
+    cache_.Run();
+    stored = static_cast<long>(storedChunks_.load());
+    ThrowLosses();
 }
 
 void LoopRecordingFileTrackWriter::Append(const Protocol::Chunk& message) {
@@ -138,9 +206,11 @@ void LoopRecordingFileTrackWriter::Append(const Protocol::Chunk& message) {
                "T" << trackId_ << ": Copy chunk took " << Milliseconds(total) << "ms for chunk "
                    << appendedChunks_ << " at " << t);
     }
+    ThrowLosses();
     CheckAndThrow(t, duration);
-    ++appendedChunks_;
     const unsigned long size = chunk->GetSizeOnFile();
+    CheckRoom(t, size);
+    ++appendedChunks_;
 
     Moreld::Tools::StdTimer insertion;
     const bool waited = cache_.Insert(chunk, t, size);
@@ -196,6 +266,7 @@ FileSystem::Chunk LoopRecordingFileTrackWriter::Flush(
         MR_LOG(logger_, 40,
                "T" << trackId_ << ": Exception caught in threadfor chunk at " << t << ": "
                    << e.what());
+        CountLoss(t, e.what());
         return FileSystem::Chunk();
     }
 }
@@ -300,14 +371,17 @@ void LoopRecordingFileTrackWriter::WriteChunk(const Moreld::Plexa::DataChunk& da
     // begins a new generation of the file, so an older block's records can
     // never be read back with the new ones.
     if (!appender_->Append(data, record.location.offset)) {
-        MR_LOG(logger_, 50,
-               "T" << trackId_ << ": Could not Append chunk at " << data.GetTimePoint() << " on "
-                   << appender_->GetFilename());
+        std::ostringstream msg;
+        msg << "T" << trackId_ << ": Could not Append chunk at " << data.GetTimePoint() << " on "
+            << appender_->GetFilename();
+        MR_LOG(logger_, 50, msg.str());
         // Not listed for the database: the index must never name a chunk
         // that is not in its file. The cache may evict it now.
         cache_.HandleChunk(data.GetTimePoint(), false);
+        CountLoss(data.GetTimePoint(), msg.str());
         return;
     }
+    ++storedChunks_;
     currentFileChunks_.push_back(record);
     if (currentFileChunks_.size() == 1) {
         // The batch's first chunk tells the database what the file's rows

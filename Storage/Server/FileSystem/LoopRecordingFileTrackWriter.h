@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -46,10 +47,14 @@ class LoopRecordingFileTrackWriter : public MoreldStorageApi::ITrackWriter, publ
 
     // Checks and queues one chunk; blocks only while the cache is full. The
     // message's payload is moved out, not copied: the caller must not reuse
-    // it. Throws std::runtime_error for a non-positive duration, a chunk
-    // before the end of the track, or one the cache refuses; nothing of the
-    // chunk is kept then.
+    // it. Throws std::runtime_error, keeping nothing of the chunk, for a
+    // non-positive duration, an end after the last time point, a chunk
+    // before the end of the track, a track without files, a chunk larger
+    // than a file of the track or than the cache, and when chunks accepted
+    // earlier could not be stored (reported once).
     void Append(const Protocol::Chunk& chunk) override;
+    // Drains the cache (the flusher thread is restarted after).
+    void WaitUntilStored(long& stored) override;
     void GetTrackId(long& trackId) override { trackId = trackId_; }
 
     // Flusher side: places and writes one chunk; returns its index record,
@@ -70,6 +75,8 @@ class LoopRecordingFileTrackWriter : public MoreldStorageApi::ITrackWriter, publ
 
     void WriteChunk(const Moreld::Plexa::DataChunk& data, const FileSystem::Chunk& record);
     void CheckAndThrow(const TimePoint& t, const TimePoint& duration);
+    // Whether the track can store a chunk of `size` bytes on file at all.
+    void CheckRoom(const TimePoint& t, unsigned long size);
 
   private:
     // Steps of WriteChunk.
@@ -79,6 +86,10 @@ class LoopRecordingFileTrackWriter : public MoreldStorageApi::ITrackWriter, publ
     void HandleCurrentFileChunks();
     void DropRecycledCurrentFile();
     std::string FileNameOf(const FileSystem::Chunk& record) const;
+    // An accepted chunk that could not be stored (flusher thread), and the
+    // report of such losses (host thread).
+    void CountLoss(const TimePoint& t, const std::string& reason);
+    void ThrowLosses();
 
     const long trackId_;
     // Host thread only.
@@ -98,6 +109,10 @@ class LoopRecordingFileTrackWriter : public MoreldStorageApi::ITrackWriter, publ
     std::atomic<bool> cacheIsWaiting_{false};
     tav::mr::logging::Logger logger_;
     std::unique_ptr<TrackLock> trackLock_;
+    std::atomic<unsigned long> storedChunks_{0};
+    std::mutex lossMutex_;
+    unsigned long lostChunks_ = 0;  // guarded by lossMutex_, since the last report
+    std::string firstLoss_;         // guarded by lossMutex_
     Monitoring* monitoring_ = nullptr;
     long workerId_ = 0;
 };

@@ -1,6 +1,7 @@
 #include "Storage/Server/FileSystem/TrackPropertiesCache.h"
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Storage/Server/FileSystem/TrackPropertyLimits.h"
 
 namespace {
 
@@ -17,7 +18,28 @@ void TrackPropertiesCache::Open(const std::string& dbDirectory) {
     cache_ = db_.GetProperties();
 }
 
+size_t TrackPropertiesCache::BytesAfterSet(long track,
+                                           const Protocol::PropertyList& properties) const {
+    static const std::map<std::string, std::string> kNone;
+    auto found = cache_.find(track);
+    const std::map<std::string, std::string>& cached =
+        found == cache_.end() ? kNone : found->second;
+    size_t bytes = 0;
+    for (const auto& [key, value] : cached)
+        bytes += key.size() + value.size();
+    for (const Protocol::Property& property : properties.properties()) {
+        auto it = cached.find(property.key());
+        bytes += property.value().size();
+        bytes -= it == cached.end() ? 0 : it->second.size();
+        bytes += it == cached.end() ? property.key().size() : 0;
+    }
+    return bytes;
+}
+
 void TrackPropertiesCache::Set(long track, const Protocol::PropertyList& properties) {
+    // Nothing is stored unless every property is within the limits.
+    TrackPropertyLimits::Check(track, properties);
+    TrackPropertyLimits::CheckTrackTotal(track, BytesAfterSet(track, properties));
     std::map<std::string, std::string> insertions;
     std::map<std::string, std::string> updates;
     std::map<std::string, std::string>& cached = cache_[track];

@@ -20,6 +20,8 @@ class TrackPropertiesCache {
     // Opens "properties.db" in `dbDirectory` and loads everything.
     void Open(const std::string& dbDirectory);
     // Inserts new keys and updates changed values; unchanged ones are skipped.
+    // Throws std::runtime_error, storing nothing, when a property breaks the
+    // limits of TrackPropertyLimits.
     void Set(long track, const Protocol::PropertyList& properties);
     // Removes the listed keys; a first key "__tav_all__" removes them all.
     void Remove(long track, const Protocol::PropertyList& properties);
@@ -29,6 +31,8 @@ class TrackPropertiesCache {
 
   private:
     void RemoveEveryKey(long track);
+    // Keys and values of the track once `properties` are set.
+    size_t BytesAfterSet(long track, const Protocol::PropertyList& properties) const;
 
     TrackPropertiesDB db_;
     std::map<long, std::map<std::string, std::string>> cache_;

@@ -58,7 +58,7 @@ TEST(ChunkSourceTest, MpegTsSourceKeepsEveryPacketOfHeadAndStream) {
     const auto chunks = Drain(source);
     ASSERT_EQ(chunks.size(), 3u);
     EXPECT_EQ(chunks[0].payload + chunks[1].payload + chunks[2].payload, packets);
-    EXPECT_EQ(source.SkippedBytes(), 0u);
+    EXPECT_EQ(source.DroppedBytes(), 0u);
 }
 
 TEST(ChunkSourceTest, SyntheticStreamIsSizedByBitRateAndReproducible) {

@@ -20,6 +20,9 @@
 #include <thread>
 #include <vector>
 
+#include <grpcpp/grpcpp.h>
+
+#include "Host/Rpc/Loopstore.grpc.pb.h"
 #include "Host/Server/LoopstoreServer.h"
 #include "tests/Support/TempDir.h"
 
@@ -284,6 +287,83 @@ TEST_F(LoopstoreCommandTest, ASecondServeOnTheSameDataFailsWithTheHolder) {
                               std::to_string(::getpid())),
               std::string::npos)
         << second.err;
+}
+
+TEST_F(LoopstoreCommandTest, LargeAnswersAndRefusedPropertiesReachTheCommandLine) {
+    StartServer();
+    const std::string t = std::to_string(static_cast<int64_t>(Ok("track create --size 2M")["id"]));
+    // Properties larger in all than gRPC's default message size, set
+    // through a channel of the test's own (a command line is too short).
+    rpc::TrackProperties request;
+    request.set_track_id(std::stoll(t));
+    for (int i = 0; i < 70; ++i) {
+        Protocol::Property* property = request.mutable_properties()->add_properties();
+        property->set_key("k" + std::to_string(i));
+        property->set_value(std::string(64 * 1024, 'v'));
+    }
+    auto stub = rpc::TrackStorage::NewStub(
+        grpc::CreateChannel(address_, grpc::InsecureChannelCredentials()));
+    grpc::ClientContext context;
+    rpc::Empty empty;
+    ASSERT_TRUE(stub->SetTrackProperties(&context, request, &empty).ok());
+    EXPECT_EQ(Ok("props get " + t)["properties"].size(), 70u);
+    // What the store refuses, in its own words.
+    const Result key = Call("props set " + t + " " + std::string(1025, 'k') + "=v");
+    EXPECT_NE(key.status, 0);
+    EXPECT_NE(key.err.find("a property key takes 1025 bytes, more than 1024"), std::string::npos)
+        << key.err;
+    const Result text = Call("props set " + t + " \"name=$(printf '\\377')\"");
+    EXPECT_NE(text.status, 0);
+    EXPECT_NE(text.err.find("is not valid UTF-8"), std::string::npos) << text.err;
+}
+
+TEST_F(LoopstoreCommandTest, ExportSkipsDamagedRecordsAndRecordCountsDroppedBytes) {
+    StartServer();
+    const std::string t = std::to_string(static_cast<int64_t>(Ok("track create --size 3M")["id"]));
+    Ok("record --track " + t +
+       " --synthetic --bitrate 8M --duration 3s --start 2030-01-01T00:00:00Z");
+    StopServer();
+    // One byte inside the second record's payload of the first file.
+    std::string victim;
+    for (const auto& entry : fs::directory_iterator(data_ + "/tracks/" + t))
+        if (victim.empty() || entry.path().string() < victim)
+            victim = entry.path().string();
+    {
+        std::fstream f(victim, std::ios::in | std::ios::out | std::ios::binary);
+        const std::streamoff second = 16 + 48 + 4 + 40000 + 100;  // 8 Mbit/s, 40 ms chunks
+        f.seekg(second);
+        const char c = static_cast<char>(f.get() ^ 0x5a);
+        f.seekp(second);
+        f.put(c);
+    }
+    StartServer();
+    const std::string output = dir_ / "out.bin";
+    const Result exported =
+        Call("export --track " + t +
+             " --from 2030-01-01T00:00:00Z --to 2030-01-01T00:00:03Z --output " + output);
+    ASSERT_EQ(exported.status, 0) << exported.err;
+    EXPECT_EQ(exported.Json()["chunks"], 74);
+    EXPECT_EQ(exported.Json()["damaged"], 1);
+    EXPECT_NE(exported.err.find("skipped 1 damaged records (at 2030-01-01T00:00:00.040000000Z)"),
+              std::string::npos)
+        << exported.err;
+
+    // Bytes that are not MPEG-TS packets are dropped, and said to be.
+    std::string noise(100 * 188, '\0');
+    for (size_t i = 0; i < noise.size(); ++i)
+        noise[i] = static_cast<char>((i * 2654435761u) >> 13);
+    const std::string input = dir_ / "noise.ts";
+    std::ofstream(input, std::ios::binary) << noise;
+    const Result recorded = Call("record --track " + t + " --mpegts --input " + input);
+    ASSERT_EQ(recorded.status, 0) << recorded.err;
+    EXPECT_EQ(
+        recorded.Json()["dropped_bytes"].get<uint64_t>() + recorded.Json()["bytes"].get<uint64_t>(),
+        noise.size());
+    EXPECT_GT(recorded.Json()["dropped_bytes"].get<uint64_t>(), 0u);
+    EXPECT_EQ(recorded.Json()["stored"], recorded.Json()["chunks"]);
+    const Result text =
+        Run("record --track " + t + " --mpegts --input " + input + " --server " + address_);
+    EXPECT_NE(text.out.find("bytes dropped (not MPEG-TS packets)"), std::string::npos) << text.out;
 }
 
 // serve on the default layout: makes its pool on first use, answers, and

@@ -39,6 +39,13 @@ TEST(ErrorStatusTest, MapsStorageTextsToCodes) {
     EXPECT_EQ(StatusCode::RESOURCE_EXHAUSTED,
               ErrorStatus::CodeFor("Cannot ResizeTrack 7: Only 2 free files remaining with a "
                                    "size of 131072B"));
+    // Chunks accepted and lost later: whatever the reason they give.
+    EXPECT_EQ(StatusCode::DATA_LOSS,
+              ErrorStatus::CodeFor("T7: 2 chunks accepted could not be stored, the first at 1: "
+                                   "Current file f cannot hold a chunk of size 9 on track7"));
+    EXPECT_EQ(StatusCode::RESOURCE_EXHAUSTED,
+              ErrorStatus::CodeFor("T7: No more recyclable file available to store chunk at 1 "
+                                   "of size 9. Grow track or unprotect some content"));
     EXPECT_EQ(StatusCode::INTERNAL, ErrorStatus::CodeFor("disk on fire"));
     EXPECT_EQ(StatusCode::INTERNAL, ErrorStatus::CodeFor(""));
 }

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <limits>
 #include <thread>
 
 #include "Host/Server/ServerMain.h"
@@ -337,6 +338,136 @@ TEST(LoopstoreServerTest, RefusalsGetFittingCodesAndTheServerCarriesOn) {
     grow.set_size(10 * kFile);
     EXPECT_EQ(StatusCode::RESOURCE_EXHAUSTED,
               s.Tracks().GrowTrack(s.Context().get(), grow, &answer).error_code());
+}
+
+// One write stream of `chunks` on `track`.
+grpc::Status Write(ServerFixture& s, long track, const std::vector<rpc::WriteRequest>& chunks,
+                   rpc::WriteSummary& summary) {
+    auto context = s.Context();
+    auto stream = s.Writers().Write(context.get(), &summary);
+    stream->Write(OpenWrite(track));
+    for (const rpc::WriteRequest& chunk : chunks) {
+        if (!stream->Write(chunk))
+            break;
+    }
+    stream->WritesDone();
+    return stream->Finish();
+}
+
+TEST(LoopstoreServerTest, WhatTheStoreCannotKeepIsRefusedAndWhatItKeepsIsCounted) {
+    ServerFixture s(6);
+    const long track = s.CreateTrack(1, 2);
+    const int64_t last = std::numeric_limits<int64_t>::max();
+    rpc::WriteRequest heavy = ChunkAt(kSecond, kSecond, 100);
+    Protocol::Property* property = heavy.mutable_chunk()->add_properties();
+    property->set_key("heavy");
+    property->set_value(std::string(kFile, 'p'));
+    const std::pair<rpc::WriteRequest, const char*> refused[] = {
+        {ChunkAt(last - 10, 100, 100), "ends after the last time point"},
+        {ChunkAt(kSecond, last, 100), "ends after the last time point"},
+        {ChunkAt(kSecond, kSecond, kFile), "cannot hold a chunk of size"},
+        {heavy, "cannot hold a chunk of size"},
+    };
+    for (const auto& [chunk, text] : refused) {
+        rpc::WriteSummary summary;
+        const grpc::Status status = Write(s, track, {chunk}, summary);
+        EXPECT_EQ(StatusCode::INVALID_ARGUMENT, status.error_code()) << status.error_message();
+        EXPECT_NE(std::string::npos, status.error_message().find(text)) << status.error_message();
+    }
+
+    // A refusal says what the stream stored before it.
+    rpc::WriteSummary partial;
+    const grpc::Status late =
+        Write(s, track, {ChunkAt(kSecond, kSecond, 100), ChunkAt(2 * kSecond, last, 100)}, partial);
+    EXPECT_EQ(StatusCode::INVALID_ARGUMENT, late.error_code());
+    EXPECT_NE(std::string::npos, late.error_message().find("(1 chunks of this stream stored)"))
+        << late.error_message();
+
+    // What is accepted is stored, up to the end of time.
+    rpc::WriteSummary summary;
+    ASSERT_TRUE(Write(s, track,
+                      {ChunkAt(2 * kSecond, kSecond, 100), ChunkAt(3 * kSecond, kSecond, 100),
+                       ChunkAt(last - 2 * kSecond, kSecond, 100)},
+                      summary)
+                    .ok());
+    EXPECT_EQ(3, summary.chunks());
+    EXPECT_EQ(3, summary.stored());
+    EXPECT_EQ(last - kSecond, summary.end().nanoseconds());
+    rpc::Count count;
+    ASSERT_TRUE(
+        s.Tracks().GetNumberOfChunks(s.Context().get(), Between(track, 0, last), &count).ok());
+    EXPECT_EQ(4, count.value());
+
+    // A track left without files refuses chunks.
+    Protocol::TrackParameters shrink, answer;
+    shrink.set_id(track);
+    shrink.set_size(-2 * kFile);
+    ASSERT_TRUE(s.Tracks().GrowTrack(s.Context().get(), shrink, &answer).ok());
+    const grpc::Status empty = Write(s, track, {ChunkAt(last - kSecond, 10, 100)}, summary);
+    EXPECT_EQ(StatusCode::FAILED_PRECONDITION, empty.error_code()) << empty.error_message();
+    EXPECT_NE(std::string::npos, empty.error_message().find("You must call GrowTrack"));
+
+    // No id is left after the greatest one.
+    EXPECT_EQ(last, s.CreateTrack(last, 1));
+    Protocol::TrackParameters create;
+    create.set_size(kFile);
+    rpc::CreateTrackAnswer created;
+    const grpc::Status noId = s.Tracks().CreateTrack(s.Context().get(), create, &created);
+    EXPECT_EQ(StatusCode::FAILED_PRECONDITION, noId.error_code()) << noId.error_message();
+    EXPECT_NE(std::string::npos, noId.error_message().find("no track id is left after"));
+    EXPECT_EQ(2, s.CreateTrack(2, 1));
+}
+
+TEST(LoopstoreServerTest, BadProtectionsAndPropertiesAreInvalidArguments) {
+    ServerFixture s(4);
+    const long track = s.CreateTrack(1, 2);
+    ASSERT_TRUE(s.Record(track, 10 * kSecond, 3).ok());
+    const int64_t last = std::numeric_limits<int64_t>::max();
+    auto protect = [&](int64_t from, int64_t duration) {
+        rpc::ProtectRequest request;
+        request.set_track_id(track);
+        *request.mutable_from() = At(from);
+        *request.mutable_duration() = At(duration);
+        rpc::ProtectionId id;
+        return s.Tracks().Protect(s.Context().get(), request, &id);
+    };
+    const std::pair<grpc::Status, const char*> protections[] = {
+        {protect(10 * kSecond, 0), "must be > timepoint IN"},
+        {protect(10 * kSecond, -kSecond), "must be > timepoint IN"},
+        {protect(10 * kSecond, last), "ends after the last time point"},
+    };
+    for (const auto& [status, text] : protections) {
+        EXPECT_EQ(StatusCode::INVALID_ARGUMENT, status.error_code()) << status.error_message();
+        EXPECT_NE(std::string::npos, status.error_message().find(text)) << status.error_message();
+    }
+    EXPECT_TRUE(protect(0, last).ok());  // up to the end of time
+
+    auto setProperty = [&](const std::string& key, const std::string& value) {
+        rpc::TrackProperties request;
+        request.set_track_id(track);
+        Protocol::Property* property = request.mutable_properties()->add_properties();
+        property->set_key(key);
+        property->set_value(value);
+        rpc::Empty empty;
+        return s.Tracks().SetTrackProperties(s.Context().get(), request, &empty);
+    };
+    const std::pair<grpc::Status, const char*> properties[] = {
+        {setProperty("\xff\xfe", "v"), "is not valid UTF-8"},
+        {setProperty("k", "\xc3"), "is not valid UTF-8"},
+        {setProperty(std::string(1025, 'k'), "v"), "1025 bytes, more than 1024"},
+        {setProperty("k", std::string(64 * 1024 + 1, 'v')), "65537 bytes, more than 65536"},
+        {setProperty("k", std::string(10 * 1000 * 1000, 'v')), "more than 65536"},
+    };
+    for (const auto& [status, text] : properties) {
+        EXPECT_EQ(StatusCode::INVALID_ARGUMENT, status.error_code()) << status.error_message();
+        EXPECT_NE(std::string::npos, status.error_message().find(text)) << status.error_message();
+    }
+    // The largest property is taken and read back.
+    ASSERT_TRUE(setProperty(std::string(1024, 'k'), std::string(64 * 1024, 'v')).ok());
+    Protocol::PropertyList list;
+    ASSERT_TRUE(s.Tracks().GetTrackProperties(s.Context().get(), Id(track), &list).ok());
+    ASSERT_EQ(1, list.properties_size());
+    EXPECT_EQ(64u * 1024, list.properties(0).value().size());
 }
 
 TEST(LoopstoreServerTest, TokenIsRequiredWhenConfigured) {

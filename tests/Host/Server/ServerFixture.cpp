@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "Host/Rpc/WireConstants.h"
+
 namespace loopstore::test {
 
 Protocol::TimePoint At(int64_t ns) {
@@ -23,7 +25,8 @@ rpc::WriteRequest ChunkAt(int64_t start, int64_t duration, size_t payload) {
     Protocol::Chunk* chunk = request.mutable_chunk();
     *chunk->mutable_timepoint() = At(start);
     *chunk->mutable_duration() = At(duration);
-    chunk->set_data(std::string(payload, static_cast<char>('a' + (start / ServerFixture::kSecond) % 26)));
+    chunk->set_data(
+        std::string(payload, static_cast<char>('a' + (start / ServerFixture::kSecond) % 26)));
     return request;
 }
 
@@ -52,8 +55,11 @@ ServerFixture::~ServerFixture() {
 void ServerFixture::Start() {
     server_ = std::make_unique<host::LoopstoreServer>(options_);
     server_->Start();
-    channel_ = grpc::CreateChannel("127.0.0.1:" + std::to_string(server_->Port()),
-                                   grpc::InsecureChannelCredentials());
+    grpc::ChannelArguments arguments;
+    arguments.SetMaxReceiveMessageSize(rpc::kMaxMessageBytes);
+    arguments.SetMaxSendMessageSize(rpc::kMaxMessageBytes);
+    channel_ = grpc::CreateCustomChannel("127.0.0.1:" + std::to_string(server_->Port()),
+                                         grpc::InsecureChannelCredentials(), arguments);
     tracks_ = rpc::TrackStorage::NewStub(channel_);
     writers_ = rpc::TrackWriter::NewStub(channel_);
     readers_ = rpc::TrackReader::NewStub(channel_);

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <deque>
+#include <filesystem>
+#include <limits>
 #include <map>
 #include <random>
 
@@ -160,20 +163,133 @@ TEST(TrackWriterReader, BadInputIsRefusedAndLosesNothingAccepted) {
             std::string::npos);
         writer.SetCacheSize(1 << 20);
 
-        // Larger than a file: accepted by the cache, refused by the index on
-        // the flusher thread, which logs it and lets the cache go on.
-        LogCapture log("LoopRecordingFileTrackWriter");
+        // Larger than a file: refused at once, the track goes on.
         Protocol::Chunk tooBig = MakeChunkMessage(13 * kSecond, kSecond, 20 * 1024);
-        writer.Append(tooBig);
+        EXPECT_NE(ThrownText([&] { writer.Append(tooBig); }).find("cannot hold a chunk of size"),
+                  std::string::npos);
         Protocol::Chunk after = MakeChunkMessage(14 * kSecond, kSecond, 500);
         writer.Append(after);
         written[14 * kSecond] = 500;
-        io.Cache().Stop();  // drains: both chunks went through Flush
-        EXPECT_TRUE(log.Contains("Exception caught in threadfor chunk at"));
-        io.Cache().Run();
+        long stored = 0;
+        writer.WaitUntilStored(stored);
+        EXPECT_EQ(stored, 2);
     }
     io.Restart();
     EXPECT_EQ(VerifyTrack(io, written), 2u);
+}
+
+TEST(TrackWriterReader, ChunksTheTrackCannotStoreAreRefusedAtAppend) {
+    TrackIo io(14, 2, 16 * 1024);
+    const int64_t last = std::numeric_limits<int64_t>::max();
+    std::map<int64_t, size_t> written;
+    {
+        LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+        writer.SetTrackDirectory(io.Root());
+        // Larger than a file of the track, by its payload or by a property.
+        Protocol::Chunk big = MakeChunkMessage(kSecond, kSecond, 16 * 1024);
+        const std::string bigText = ThrownText([&] { writer.Append(big); });
+        EXPECT_NE(bigText.find("T14: Chunk at "), std::string::npos) << bigText;
+        EXPECT_NE(bigText.find("files of 16384B cannot hold a chunk of size"), std::string::npos)
+            << bigText;
+        Protocol::Chunk heavy = MakeChunkMessage(kSecond, kSecond, 100);
+        Protocol::Property* property = heavy.add_properties();
+        property->set_key("heavy");
+        property->set_value(std::string(20000, 'p'));
+        EXPECT_NE(ThrownText([&] { writer.Append(heavy); }).find("cannot hold a chunk of size"),
+                  std::string::npos);
+        // Ending after the last time point there is.
+        Protocol::Chunk endless = MakeChunkMessage(2 * kSecond, last, 100);
+        EXPECT_NE(
+            ThrownText([&] { writer.Append(endless); }).find("ends after the last time point"),
+            std::string::npos);
+        Protocol::Chunk late = MakeChunkMessage(last - 10, 100, 100);
+        EXPECT_NE(ThrownText([&] { writer.Append(late); }).find("ends after the last time point"),
+                  std::string::npos);
+        // Right before the end of time: stored like any other.
+        Protocol::Chunk edge = MakeChunkMessage(last - 2 * kSecond, kSecond, 100);
+        writer.Append(edge);
+        written[last - 2 * kSecond] = 100;
+        long stored = 0;
+        writer.WaitUntilStored(stored);
+        EXPECT_EQ(stored, 1);
+    }
+    io.Restart();
+    EXPECT_EQ(VerifyTrack(io, written), 1u);
+
+    // A track without any file refuses every chunk.
+    TrackIo empty(15, 0, 16 * 1024);
+    LoopRecordingFileTrackWriter writer(empty.TrackId(), empty.Manager(), empty.Cache());
+    Protocol::Chunk chunk = MakeChunkMessage(kSecond, kSecond, 100);
+    EXPECT_EQ(ThrownText([&] { writer.Append(chunk); }),
+              "You must call GrowTrack to store chunks at " +
+                  TimePoint::FromNanoseconds(kSecond).ToString() + " for track 15");
+}
+
+TEST(TrackWriterReader, TheAccumulatedDurationNeverOverflows) {
+    // Durations add up across chunks that a clear took away: a client can
+    // make their sum pass the 64-bit range without any chunk's end doing so.
+    TrackIo io(17, 3, 16 * 1024);
+    const int64_t huge = 3 * (int64_t{1} << 61);
+    auto record = [&](int64_t t, int64_t duration) {
+        LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+        writer.SetTrackDirectory(io.Root());
+        Protocol::Chunk chunk = MakeChunkMessage(t, duration, 10000);  // a file each
+        std::string refused;
+        try {
+            writer.Append(chunk);
+        } catch (const std::runtime_error& e) {
+            refused = e.what();
+        }
+        return refused;
+    };
+    EXPECT_EQ(record(0, kSecond), "");
+    EXPECT_EQ(record(kSecond, huge), "");
+    io.Manager().Protect(1, TimePoint(), TimePoint::FromNanoseconds(1));
+    io.Manager().Clear();  // the end of the track goes back to 1 s
+    EXPECT_EQ(io.Manager().GetEndOfTrack().ToNanoseconds(), kSecond);
+    EXPECT_NE(record(kSecond, huge).find("the accumulated duration of the track would overflow"),
+              std::string::npos);
+    EXPECT_EQ(record(kSecond, kSecond), "");
+}
+
+TEST(TrackWriterReader, ChunksLostAfterAppendAreReportedWithWhatWasStored) {
+    TrackIo io(16, 3, 16 * 1024);
+    // Files 1 and 3 lost their end after they were lent: two records of the
+    // five the index plans for file 1 fit, none in file 3.
+    const std::deque<ChunkFile> files = io.Manager().GetEmptyFiles();
+    std::filesystem::resize_file(files[0].GetAbsoluteFileName(io.Root(), false), 2 * 3100);
+    std::filesystem::resize_file(files[2].GetAbsoluteFileName(io.Root(), false), 100);
+    std::map<int64_t, size_t> written;
+    LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+    writer.SetTrackDirectory(io.Root());
+    int64_t t = kSecond;
+    auto append = [&](int count) {
+        for (int i = 0; i < count; ++i, t += kSecond) {
+            Protocol::Chunk chunk = MakeChunkMessage(t, kSecond, 3000);
+            writer.Append(chunk);
+        }
+    };
+    append(6);  // two records fit file 1, three are lost, the sixth goes to file 2
+    long stored = 0;
+    const std::string lost = ThrownText([&] { writer.WaitUntilStored(stored); });
+    EXPECT_NE(lost.find("T16: 3 chunks accepted could not be stored, the first at " +
+                        TimePoint::FromNanoseconds(3 * kSecond).ToString()),
+              std::string::npos)
+        << lost;
+    EXPECT_NE(lost.find("this writer stored 3 chunks"), std::string::npos) << lost;
+    // Reported once; the writer goes on.
+    append(1);
+    writer.WaitUntilStored(stored);
+    EXPECT_EQ(stored, 4);
+    // A loss found after an append is reported by the next one, which is
+    // then refused too.
+    append(4);          // three more in file 2, then file 3
+    io.Cache().Stop();  // the flusher is done with them
+    io.Cache().Run();
+    Protocol::Chunk next = MakeChunkMessage(t, kSecond, 3000);
+    EXPECT_NE(
+        ThrownText([&] { writer.Append(next); }).find("1 chunks accepted could not be stored"),
+        std::string::npos);
 }
 
 TEST(TrackWriterReader, ASecondWriterOnATrackIsRefused) {
