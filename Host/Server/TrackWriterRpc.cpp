@@ -21,21 +21,24 @@ grpc::Status TrackWriterRpc::Write(grpc::ServerContext* context,
     return guard_.Run(*context, "Write", [&] { Record(*context, *stream, *summary); });
 }
 
+std::string TrackWriterRpc::StoredSoFar(MoreldStorageApi::ITrackWriter& writer) {
+    std::string text;
+    long stored = 0;
+    try {
+        writer.WaitUntilStored(stored);
+    } catch (const std::runtime_error& loss) {
+        text = std::string("; ") + loss.what();
+    }
+    return text + " (" + std::to_string(stored) + " chunks of this stream stored)";
+}
+
 void TrackWriterRpc::AppendOrSayWhatWasStored(MoreldStorageApi::ITrackWriter& writer,
                                               const Protocol::Chunk& chunk) {
     try {
         writer.Append(chunk);
     } catch (const std::runtime_error& refusal) {
         // The stream ends here: the client learns what it kept of it.
-        std::string text = refusal.what();
-        long stored = 0;
-        try {
-            writer.WaitUntilStored(stored);
-        } catch (const std::runtime_error& loss) {
-            text += std::string("; ") + loss.what();
-        }
-        throw std::runtime_error(text + " (" + std::to_string(stored) +
-                                 " chunks of this stream stored)");
+        throw std::runtime_error(refusal.what() + StoredSoFar(writer));
     }
 }
 
@@ -79,9 +82,13 @@ void TrackWriterRpc::Accept(long trackId, const rpc::WriteRequest& request,
     }
     const Protocol::Chunk& chunk = request.chunk();
     const int64_t bytes = static_cast<int64_t>(chunk.data().size());
-    const int64_t end =
-        RequestChecks::EndOf(chunk.timepoint().nanoseconds(), chunk.duration().nanoseconds(),
-                             "T" + std::to_string(trackId) + ": a chunk");
+    int64_t end = 0;
+    try {
+        end = RequestChecks::EndOf(chunk.timepoint().nanoseconds(), chunk.duration().nanoseconds(),
+                                   "T" + std::to_string(trackId) + ": a chunk");
+    } catch (const std::invalid_argument& refusal) {
+        throw std::invalid_argument(refusal.what() + StoredSoFar(writer));
+    }
     AppendOrSayWhatWasStored(writer, chunk);
     summary.set_chunks(summary.chunks() + 1);
     summary.set_bytes(summary.bytes() + bytes);

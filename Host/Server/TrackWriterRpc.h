@@ -31,11 +31,14 @@ class TrackWriterRpc final : public rpc::TrackWriter::Service {
     // Hands the chunk of a later message of the stream of `trackId` to
     // `writer` and counts it in `summary`. Throws std::invalid_argument when
     // the message is not a chunk or the chunk ends beyond the range of time
-    // points, and what the writer throws (`summary` is then unchanged).
+    // points, and what the writer throws (`summary` is then unchanged); a
+    // refused chunk's error ends with how many chunks the stream stored.
     static void Accept(long trackId, const rpc::WriteRequest& request,
                        MoreldStorageApi::ITrackWriter& writer, rpc::WriteSummary& summary);
 
   private:
+    // " (N chunks of this stream stored)", after any loss the writer reports.
+    static std::string StoredSoFar(MoreldStorageApi::ITrackWriter& writer);
     // A refusal is passed on with the number of chunks the stream stored.
     static void AppendOrSayWhatWasStored(MoreldStorageApi::ITrackWriter& writer,
                                          const Protocol::Chunk& chunk);

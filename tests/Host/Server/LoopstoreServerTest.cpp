@@ -363,8 +363,8 @@ TEST(LoopstoreServerTest, WhatTheStoreCannotKeepIsRefusedAndWhatItKeepsIsCounted
     property->set_key("heavy");
     property->set_value(std::string(kFile, 'p'));
     const std::pair<rpc::WriteRequest, const char*> refused[] = {
-        {ChunkAt(last - 10, 100, 100), "ends after the last time point"},
-        {ChunkAt(kSecond, last, 100), "ends after the last time point"},
+        {ChunkAt(last - 10, 100, 100), "ends outside the range of time points"},
+        {ChunkAt(kSecond, last, 100), "ends outside the range of time points"},
         {ChunkAt(kSecond, kSecond, kFile), "cannot hold a chunk of size"},
         {heavy, "cannot hold a chunk of size"},
     };
@@ -434,7 +434,7 @@ TEST(LoopstoreServerTest, BadProtectionsAndPropertiesAreInvalidArguments) {
     const std::pair<grpc::Status, const char*> protections[] = {
         {protect(10 * kSecond, 0), "must be > timepoint IN"},
         {protect(10 * kSecond, -kSecond), "must be > timepoint IN"},
-        {protect(10 * kSecond, last), "ends after the last time point"},
+        {protect(10 * kSecond, last), "ends outside the range of time points"},
     };
     for (const auto& [status, text] : protections) {
         EXPECT_EQ(StatusCode::INVALID_ARGUMENT, status.error_code()) << status.error_message();

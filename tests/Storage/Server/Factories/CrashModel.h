@@ -31,6 +31,9 @@ class CrashModel {
     static void Log(const std::string& path, const std::string& line);
     // Applies every line of the log at `path` read since the last call.
     void ReadLog(const std::string& path);
+    // The client's run is over: chunks of writers it never closed were
+    // never acknowledged as saved, and a later close must not count them.
+    void EndRun() { pending_.clear(); }
 
     // Saved chunks of each track: tp -> size.
     std::map<long, std::map<int64_t, size_t>> saved;

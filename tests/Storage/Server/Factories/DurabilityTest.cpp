@@ -188,3 +188,33 @@ TEST(Durability, ASecondOpenerOfTheStoreFailsAtOnce) {
     s.Restart();
     ExpectFilesConserved(s);
 }
+
+// Chunks recorded after a clear are saved when their writer closes, like
+// any others: a restart finds them.
+TEST(Durability, ChunksRecordedAfterAClearAreSavedByTheirWriter) {
+    Storage s(kPoolFiles);
+    ASSERT_EQ(CreateTrack(s, 1, 3), 1);
+    auto record = [&](int64_t from, int count) {
+        std::unique_ptr<MoreldStorageApi::ITrackWriter> writer(s.Writers().Create(1));
+        for (int i = 0; i < count; ++i)
+            writer->Append(TrackChunk(1, from + i * kSecond / 25, kSecond / 25, 3000));
+    };
+    record(1000 * kSecond, 19);
+    Protocol::TrackParameters grow, answer;
+    grow.set_id(1);
+    grow.set_size(Storage::kFileSize);
+    s.Tracks().GrowTrack(grow, answer);
+    s.Tracks().ClearTrack(1);
+    record(1002 * kSecond, 6);
+    s.Restart();
+    std::unique_ptr<MoreldStorageApi::ITrackReader> reader(s.Readers().Create(1));
+    for (int i = 0; i < 6; ++i) {
+        Protocol::TimePoint at;
+        at.set_nanoseconds(1002 * kSecond + i * kSecond / 25);
+        Protocol::Chunk chunk;
+        bool got = false;
+        reader->GetChunk(at, Protocol::KeyList(), chunk, got);
+        ASSERT_TRUE(got && chunk.timepoint().nanoseconds() == at.nanoseconds()) << "chunk " << i;
+        EXPECT_EQ(chunk.data(), TrackPayload(1, at.nanoseconds(), 3000));
+    }
+}

@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "Platform/Logging/LoggingManager.h"
 #include "tests/Storage/Server/Factories/CrashModel.h"
 #include "tests/Storage/Server/Factories/PowerCutHarness.h"
 #include "tests/Storage/Server/Factories/StorageFixture.h"
@@ -188,15 +189,18 @@ class Workload {
     // model requires is recycled; a full track is cleared first.
     void Record(long track) {
         LoopRecordingFileManager& manager = *Manager(track);
+        constexpr unsigned long kMostPerChunk = 8000 + 100;  // payload and record
         const unsigned long budget = manager.GetMaxTrackSize() / 2;
-        if (manager.GetTrackSize() + 20 * 9000 > budget) {
+        const unsigned long used = manager.GetTrackSize();
+        const long room = used >= budget ? 0 : static_cast<long>((budget - used) / kMostPerChunk);
+        if (room == 0) {
             Clear(track);
             return;
         }
         int64_t tp =
             std::max<int64_t>(manager.GetEndOfTrack().ToNanoseconds(), 1000 * kSecond) + kSecond;
         std::unique_ptr<MoreldStorageApi::ITrackWriter> writer(s_.Writers().Create(track));
-        const long chunks = Pick(1, 20);
+        const long chunks = std::min(room, Pick(1, 20));
         for (long i = 0; i < chunks; ++i, tp += kChunkDuration) {
             const size_t size = static_cast<size_t>(Pick(200, 8000));
             writer->Append(TrackChunk(track, tp, kChunkDuration, size));
@@ -293,9 +297,13 @@ void ExpectModelHolds(Storage& s, const CrashModel& model) {
 TEST(StoreCrash, NothingAcknowledgedIsLostAcrossKillsAndPowerCuts) {
     const uint64_t seed = EnvNumber("LOOPSTORE_SEED", std::random_device()());
     const uint64_t cycles = EnvNumber("LOOPSTORE_CRASH_CYCLES", 150);
+    // LOOPSTORE_LOG_LEVEL=10 shows what the store did in every cycle.
+    if (const uint64_t level = EnvNumber("LOOPSTORE_LOG_LEVEL", 0))
+        tav::mr::logging::LoggingManager::ConfigureConsole(static_cast<int>(level));
     std::printf("StoreCrash seed %lu (LOOPSTORE_SEED=%lu replays), %lu cycles\n",
                 static_cast<unsigned long>(seed), static_cast<unsigned long>(seed),
                 static_cast<unsigned long>(cycles));
+    std::fflush(stdout);  // or every forked child would print it again
     std::mt19937_64 random(seed);
     Storage s(kPoolFiles);
     s.Stop();
@@ -322,6 +330,7 @@ TEST(StoreCrash, NothingAcknowledgedIsLostAcrossKillsAndPowerCuts) {
         }
         SCOPED_TRACE("cycle " + std::to_string(cycle) + " (seed " + std::to_string(seed) + ")");
         model.ReadLog(log);
+        model.EndRun();
         s.Start();
         ExpectModelHolds(s, model);
         s.Stop();
