@@ -18,10 +18,13 @@ class FakeTrackWriter : public MoreldStorageApi::ITrackWriter {
         if (start < end_)
             throw std::runtime_error("Chunk time point is < end of track");
         end_ = start + Converter::From(chunk.duration());
+        ++stored_;
     }
+    void WaitUntilStored(long& stored) override { stored = stored_; }
     void GetTrackId(long& trackId) override { trackId = 1; }
 
   private:
+    long stored_ = 0;
     Moreld::Time::TimePoint end_ = Moreld::Time::TimePoint::FromNanoseconds(INT64_MIN);
 };
 
