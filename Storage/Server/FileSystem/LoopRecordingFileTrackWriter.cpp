@@ -59,7 +59,9 @@ LoopRecordingFileTrackWriter::~LoopRecordingFileTrackWriter() {
     cache_.Stop();
     cache_.Clear();
     try {
-        if (!appender_) {
+        if (diskFailed_) {
+            RepairAfterDiskFailure();
+        } else if (!appender_) {
             manager_.SetActiveMode(false);
         } else if (appender_->GetNoFlush()) {
             // Left active on purpose: the last file was not properly closed.
@@ -87,6 +89,17 @@ LoopRecordingFileTrackWriter::~LoopRecordingFileTrackWriter() {
                << flushedBytes_ / 1000000 << "MB. Tp out is " << endOfTrack_);
     if (monitoring_ != nullptr)
         monitoring_->Remove(workerId_);
+}
+
+void LoopRecordingFileTrackWriter::RepairAfterDiskFailure() {
+    // What was written is saved first, then the index keeps only what the
+    // database lists and the files hold, as after a power failure. Should
+    // either fail, the track stays active and the next start repairs it.
+    manager_.SetActiveMode(true);
+    if (appender_ && !appender_->GetNoFlush())
+        SaveCurrentFile();
+    appender_.reset();
+    manager_.HandlePowerFailure(trackDirectory_);
 }
 
 void LoopRecordingFileTrackWriter::SetMonitoring(Monitoring* monitoring, long workerId) {
@@ -207,6 +220,11 @@ void LoopRecordingFileTrackWriter::Append(const Protocol::Chunk& message) {
                    << appendedChunks_ << " at " << t);
     }
     ThrowLosses();
+    if (diskFailed_) {
+        throw std::runtime_error("T" + std::to_string(trackId_) +
+                                 ": the writer stopped storing after a failure to write its "
+                                 "file; open a new writer");
+    }
     CheckAndThrow(t, duration);
     const unsigned long size = chunk->GetSizeOnFile();
     CheckRoom(t, size);
@@ -242,6 +260,11 @@ FileSystem::Chunk LoopRecordingFileTrackWriter::Flush(
     const unsigned long size = chunk->GetSizeOnFile();
     Moreld::Tools::StdTimer timer;
     ++flushedChunks_;
+    if (diskFailed_) {
+        cache_.HandleChunk(t, false);
+        CountLoss(t, "the writer stopped storing after a failure to write its file");
+        return FileSystem::Chunk();
+    }
     try {
         if (cacheIsWaiting_)
             MR_LOG(logger_, 30, "About to Append chunk at " << t);
@@ -254,7 +277,8 @@ FileSystem::Chunk LoopRecordingFileTrackWriter::Flush(
         }
         if (monitoring_ != nullptr)
             monitoring_->Log(workerId_, size);
-        WriteChunk(*chunk, record);
+        if (!WritePlaced(*chunk, record))
+            return FileSystem::Chunk();
         MR_LOG(logger_, 10,
                "T" << trackId_ << ": Saved chunk " << flushedChunks_ << " at " << t << " of size "
                    << size << " on file " << record.location.file);
@@ -268,6 +292,24 @@ FileSystem::Chunk LoopRecordingFileTrackWriter::Flush(
                    << e.what());
         CountLoss(t, e.what());
         return FileSystem::Chunk();
+    }
+}
+
+bool LoopRecordingFileTrackWriter::WritePlaced(const Moreld::Plexa::DataChunk& data,
+                                               const FileSystem::Chunk& record) {
+    try {
+        WriteChunk(data, record);
+        return true;
+    } catch (const std::runtime_error& e) {
+        // The index names a chunk its file does not hold, and the appender
+        // no longer follows the index: storing more would only lose more.
+        // The writer stops; its close repairs the index from the files.
+        cache_.HandleChunk(data.GetTimePoint(), false);
+        CountLoss(data.GetTimePoint(), e.what());
+        diskFailed_ = true;
+        MR_LOG(logger_, 50,
+               "T" << trackId_ << ": Writer " << this << " stops storing: " << e.what());
+        return false;
     }
 }
 
@@ -374,12 +416,7 @@ void LoopRecordingFileTrackWriter::WriteChunk(const Moreld::Plexa::DataChunk& da
         std::ostringstream msg;
         msg << "T" << trackId_ << ": Could not Append chunk at " << data.GetTimePoint() << " on "
             << appender_->GetFilename();
-        MR_LOG(logger_, 50, msg.str());
-        // Not listed for the database: the index must never name a chunk
-        // that is not in its file. The cache may evict it now.
-        cache_.HandleChunk(data.GetTimePoint(), false);
-        CountLoss(data.GetTimePoint(), msg.str());
-        return;
+        throw std::runtime_error(msg.str());
     }
     ++storedChunks_;
     currentFileChunks_.push_back(record);

@@ -85,6 +85,12 @@ class LoopRecordingFileTrackWriter : public MoreldStorageApi::ITrackWriter, publ
     void SaveCurrentFile();
     void HandleCurrentFileChunks();
     void DropRecycledCurrentFile();
+    // Writes a chunk the index placed; on failure, counts it lost and stops
+    // the writer (see diskFailed_).
+    bool WritePlaced(const Moreld::Plexa::DataChunk& data, const FileSystem::Chunk& record);
+    // At close after a failed write: saves what was written and makes the
+    // index name only what the files hold.
+    void RepairAfterDiskFailure();
     std::string FileNameOf(const FileSystem::Chunk& record) const;
     // An accepted chunk that could not be stored (flusher thread), and the
     // report of such losses (host thread).
@@ -110,6 +116,9 @@ class LoopRecordingFileTrackWriter : public MoreldStorageApi::ITrackWriter, publ
     tav::mr::logging::Logger logger_;
     std::unique_ptr<TrackLock> trackLock_;
     std::atomic<unsigned long> storedChunks_{0};
+    // Set by the flusher when a placed chunk could not be written: from then
+    // on nothing is stored, Append refuses, and the close repairs the index.
+    std::atomic<bool> diskFailed_{false};
     std::mutex lossMutex_;
     unsigned long lostChunks_ = 0;  // guarded by lossMutex_, since the last report
     std::string firstLoss_;         // guarded by lossMutex_
