@@ -30,9 +30,13 @@ class BaselineReading : public TrackReading {
 BaselineStore::BaselineStore(std::string directory, Workload workload)
     : directory_(std::move(directory)), workload_(std::move(workload)) {}
 
+std::string BaselineStore::TrackDirectory(int track) const {
+    return (fs::path(directory_) / std::to_string(track + 1)).string();
+}
+
 void BaselineStore::Prepare() {
     for (int t = 0; t < workload_.tracks; ++t) {
-        const std::string trackDir = (fs::path(directory_) / std::to_string(t + 1)).string();
+        const std::string trackDir = TrackDirectory(t);
         // The same preallocated, numbered files as a loopstore pool.
         cli::PoolInitializer(trackDir, Workload::kFilesPerTrack, workload_.FileSize()).Run(nullptr);
         std::vector<std::string> paths = RegularFiles(trackDir);
@@ -52,6 +56,10 @@ void BaselineStore::Ingest(int track, ChunkStream& stream) {
 
 std::vector<std::string> BaselineStore::Files() const {
     return RegularFiles(directory_);
+}
+
+std::vector<std::string> BaselineStore::TrackFiles(int track) const {
+    return RegularFiles(TrackDirectory(track));
 }
 
 std::unique_ptr<TrackReading> BaselineStore::OpenReader(int track) {

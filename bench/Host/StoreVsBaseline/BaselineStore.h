@@ -21,11 +21,14 @@ class BaselineStore : public Contender {
     void Prepare() override;
     void Ingest(int track, ChunkStream& stream) override;
     std::vector<std::string> Files() const override;
+    std::vector<std::string> TrackFiles(int track) const override;
     Range TrackRange(int track) override { return tracks_.at(track)->Range(); }
     std::unique_ptr<TrackReading> OpenReader(int track) override;
     void Close() override;
 
   private:
+    std::string TrackDirectory(int track) const;
+
     const std::string directory_;
     const Workload workload_;
     std::vector<std::unique_ptr<BaselineTrack>> tracks_;

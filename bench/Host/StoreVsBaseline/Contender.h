@@ -43,6 +43,8 @@ class Contender {
     virtual void Ingest(int track, ChunkStream& stream) = 0;
     // Every file the contender wrote (chunks and indexes).
     virtual std::vector<std::string> Files() const = 0;
+    // The chunk files of one track.
+    virtual std::vector<std::string> TrackFiles(int track) const = 0;
     virtual Range TrackRange(int track) = 0;
     virtual std::unique_ptr<TrackReading> OpenReader(int track) = 0;
     // Releases everything and removes the files; Prepare was called.

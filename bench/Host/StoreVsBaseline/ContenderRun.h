@@ -1,9 +1,12 @@
 #pragma once
 
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "bench/Host/StoreVsBaseline/Contender.h"
 #include "bench/Host/StoreVsBaseline/Figures.h"
+#include "bench/Host/StoreVsBaseline/Latencies.h"
 #include "bench/Host/StoreVsBaseline/LookupPlan.h"
 #include "bench/Host/StoreVsBaseline/ProcessProbe.h"
 #include "bench/Host/StoreVsBaseline/Workload.h"
@@ -27,7 +30,16 @@ class ContenderRun {
     void Ingest(Contender& contender, Figures& figures);
     // Seconds from the start of the first track to the end of the last.
     double RunIngestThreads(Contender& contender);
+    // A reader and the chunk files of every track.
+    struct Readers {
+        std::vector<std::unique_ptr<TrackReading>> readers;
+        std::vector<std::vector<std::string>> files;
+    };
+
     void Lookups(Contender& contender, Figures& figures);
+    // Every lookup of the plan, each after dropping its track's files from
+    // the page cache when `cold`; returns the misses.
+    uint64_t LookupPass(Readers& readers, bool cold, Latencies& latencies);
     void Scans(Contender& contender, Figures& figures);
     // Bytes read walking every track from its first chunk; seconds in
     // `seconds`.

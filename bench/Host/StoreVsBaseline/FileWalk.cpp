@@ -23,7 +23,9 @@ std::vector<std::string> RegularFiles(const std::string& directory) {
     return files;
 }
 
-void SyncAndDropFromCache(const std::vector<std::string>& files) {
+namespace {
+
+void Drop(const std::vector<std::string>& files, bool sync) {
     for (const std::string& path : files) {
         const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd < 0) {
@@ -32,13 +34,23 @@ void SyncAndDropFromCache(const std::vector<std::string>& files) {
             throw std::runtime_error("cannot open " + path + ": " + std::strerror(errno));
         }
         // Dirty pages are not dropped: write them first.
-        const bool synced = ::fdatasync(fd) == 0;
+        const bool synced = !sync || ::fdatasync(fd) == 0;
         const int error = errno;
         ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
         ::close(fd);
         if (!synced)
             throw std::runtime_error("cannot sync " + path + ": " + std::strerror(error));
     }
+}
+
+}  // namespace
+
+void SyncAndDropFromCache(const std::vector<std::string>& files) {
+    Drop(files, true);
+}
+
+void DropFromCache(const std::vector<std::string>& files) {
+    Drop(files, false);
 }
 
 bool IsOnTmpfs(const std::string& directory) {

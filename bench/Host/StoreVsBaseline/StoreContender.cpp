@@ -112,6 +112,13 @@ std::vector<std::string> StoreContender::Files() const {
     return RegularFiles(directory_);
 }
 
+std::vector<std::string> StoreContender::TrackFiles(int track) const {
+    // A track's files live in the directory named by its id.
+    const std::string tracks = cli::DataLayout::Under(directory_).tracks;
+    return RegularFiles(
+        (std::filesystem::path(tracks) / std::to_string(trackIds_.at(track))).string());
+}
+
 Contender::Range StoreContender::TrackRange(int track) {
     Protocol::TimePoint begin;
     Protocol::TimePoint end;

@@ -29,6 +29,7 @@ class StoreContender : public Contender {
     void Prepare() override;
     void Ingest(int track, ChunkStream& stream) override;
     std::vector<std::string> Files() const override;
+    std::vector<std::string> TrackFiles(int track) const override;
     Range TrackRange(int track) override;
     std::unique_ptr<TrackReading> OpenReader(int track) override;
     void Close() override;
