@@ -26,7 +26,7 @@ Options Options::Parse(int argc, char** argv) {
     std::string bytes;
     std::string cacheMemory = "256M";
     CLI::App app(
-        "loopstore against a plain pwrite + fdatasync + std::map baseline, on one volume: "
+        "loopstore against a plain pwritev + fdatasync + std::map baseline, on one volume: "
         "ingest, CPU, memory, write amplification, lookups and scans");
     app.add_option("--dir", options.directory,
                    "Directory on the volume to measure (default: next to the program)");

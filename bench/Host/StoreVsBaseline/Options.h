@@ -21,8 +21,8 @@ struct Options {
     uint64_t lookups = 2000;
     bool grpc = true;
 
-    // Parses argv; prints the help and exits on --help, prints the error
-    // and exits 2 on a bad option.
+    // Parses argv; prints the help and exits 0 on --help, prints the error
+    // and exits non-zero on a bad option.
     static Options Parse(int argc, char** argv);
 
     // The selected workloads, at the size asked for.
