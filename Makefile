@@ -38,8 +38,15 @@ release: deps
 	cmake -S . -B $(REL_DIR) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Release -DLOOPSTORE_BUILD_HOST=ON
 	cmake --build $(REL_DIR) -j $(JOBS)
 
+# loopstore against a plain baseline (bench/Host/StoreVsBaseline): at this
+# size it takes a few minutes; --scale 1 is the full 2 GiB + 16 GiB run. The
+# second loopstore column runs with the library's own cache bounds.
+STORE_BENCH_ARGS ?= --scale 0.1 --compare-defaults
+
 bench: release
 	@for b in $$(find $(REL_DIR)/bench -type f -name "*_bench" -perm -u+x | sort); do echo "== $$b"; $$b --benchmark_min_time=0.2; done
+	@echo "== store_vs_baseline $(STORE_BENCH_ARGS)"
+	$(REL_DIR)/bench/Host/StoreVsBaseline/store_vs_baseline $(STORE_BENCH_ARGS)
 
 # The main job: a self-checking demonstration of the whole storage (server,
 # tracks that loop, protection, read back, restart). See README.md.

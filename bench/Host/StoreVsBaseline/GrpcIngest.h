@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "bench/Host/StoreVsBaseline/Workload.h"
+
+namespace loopstore::bench {
+
+// Ingest through the network: a loopstore server (LoopstoreServer) on
+// 127.0.0.1 and a port the system picks, over a store of its own under
+// `directory`, and one client write stream per track, each on its own
+// thread and its own connection, sending the workload's chunks.
+//
+// Owns the server and the store's files for the length of Run (removed at
+// the end, also on failure). Not thread-safe.
+class GrpcIngest {
+  public:
+    GrpcIngest(std::string directory, Workload workload);
+
+    // Chunk payload MB (10^6 B) per second from the first chunk sent to the
+    // last stream closed (its writer drained). Throws std::runtime_error
+    // when the server refuses a track or a stream.
+    double Run();
+
+  private:
+    // Seconds from the first chunk sent to the last stream closed.
+    double WriteAll(int port, const std::vector<long>& trackIds);
+
+    const std::string directory_;
+    const Workload workload_;
+};
+
+}  // namespace loopstore::bench
