@@ -12,7 +12,8 @@ using Moreld::Time::TimePoint;
 
 namespace {
 
-// Bytes a writer lets its track's cache hold.
+// Bytes a writer lets its track's cache hold; never more than the budget the
+// caches share, when the host set one.
 constexpr unsigned long kWriterCacheBytes = 50000000;
 // Every chunk file starts with a header of this size.
 constexpr unsigned long kFileHeaderSize = 16;
@@ -33,7 +34,7 @@ LoopRecordingFileTrackWriter::LoopRecordingFileTrackWriter(long trackId,
       trackLock_(std::make_unique<TrackLock>(trackId)) {
     manager_.BeginWriting();
     cache_.SetTrackId(trackId_);
-    cache_.SetCacheSizeInBytes(kWriterCacheBytes);
+    cache_.SetCacheSizeInBytes(cache_.BoundWithinBudget(kWriterCacheBytes));
     cache_.SetChunkFlusher(this);
     cache_.Run();
 

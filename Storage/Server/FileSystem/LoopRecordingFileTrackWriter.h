@@ -25,6 +25,10 @@
 // moves to another file, the writer makes the finished file durable and then
 // saves its chunks in the track database.
 //
+// The writer bounds its track's cache to 50000000 bytes, or to the budget
+// that the caches of all tracks share when the host set a smaller one: the
+// budget alone then bounds the memory of the cached chunks.
+//
 // Ownership: the writer refers to its track's manager and cache (owned by
 // their registries, which outlive it) and owns the open chunk file and the
 // track's writer lock: at most one writer per track in the process.
