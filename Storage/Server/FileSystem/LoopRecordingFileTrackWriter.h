@@ -11,6 +11,7 @@
 #include "Platform/Plexa/DataChunk.h"
 #include "Platform/Services/ITrackWriter.h"
 #include "Platform/Time/TimePoint.h"
+#include "Platform/Tools/RateLimiter.h"
 #include "Storage/Indexes/Ram/Chunk.h"
 #include "Storage/Indexes/Ram/IChunkFlusher.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
@@ -94,6 +95,9 @@ class LoopRecordingFileTrackWriter : public MoreldStorageApi::ITrackWriter, publ
     // report of such losses (host thread).
     void CountLoss(const TimePoint& t, const std::string& reason);
     void ThrowLosses();
+    // Whether a slow-path line may be written now (one a second for the
+    // track, whatever the line); `suffix` then tells how many were not.
+    bool SlowLine(std::string& suffix);
 
     const long trackId_;
     // Host thread only.
@@ -119,4 +123,6 @@ class LoopRecordingFileTrackWriter : public MoreldStorageApi::ITrackWriter, publ
     std::string firstLoss_;         // guarded by lossMutex_
     Monitoring* monitoring_ = nullptr;
     long workerId_ = 0;
+    // Shared by the host thread and the flusher thread.
+    Moreld::Tools::RateLimiter slowLines_;
 };
