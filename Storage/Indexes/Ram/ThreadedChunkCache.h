@@ -70,8 +70,10 @@ class ThreadedChunkCache : public CacheBudget::Member {
     void Stop();
 
     // Inserts `chunk` (non-null) starting at `t`, `size` bytes, and queues it
-    // for the flusher. Blocks, without time-out, while no room can be made;
-    // returns true when it had to wait, false when it got in at once. The
+    // for the flusher. Blocks, without time-out, while no room can be made,
+    // in this cache or in the budget; returns true when it had to wait,
+    // false when it got in at once. Must be called with no other cache's
+    // lock held (the budget may drop chunks of any cache). The
     // exceptions of ChunkCache::InsertAndRemoveHandledChunks pass through with
     // nothing inserted or queued.
     bool Insert(DataChunkPtr chunk, TimePoint t, unsigned long size);
