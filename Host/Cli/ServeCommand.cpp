@@ -17,6 +17,7 @@ void ServeCommand::Register(CLI::App& app, int& exitCode) {
         host::ServerOptions options;
         uint64_t poolFiles = DataLayout::kDefaultPoolFiles;
         std::string poolFileSize = "16M";
+        std::string cacheMemory = "256M";
     };
     auto a = std::make_shared<Args>();
     CLI::App* cmd = app.add_subcommand("serve", "Run the loopstore server (until SIGTERM/SIGINT)");
@@ -34,6 +35,11 @@ void ServeCommand::Register(CLI::App& app, int& exitCode) {
     cmd->add_option("--pool-file-size", a->poolFileSize,
                     "With --data: size of each pool file made on first use")
         ->capture_default_str();
+    cmd->add_option("--cache-memory", a->cacheMemory,
+                    "Memory the chunks cached by all writers share (e.g. 256M); written "
+                    "chunks are dropped beyond it. 0: each writer's cache keeps its own "
+                    "50000000-byte bound")
+        ->capture_default_str();
     cmd->callback([a, &exitCode] {
         const DataLayout layout = a->directories.Resolve();
         if (a->directories.UsesDataDirectory() &&
@@ -44,6 +50,7 @@ void ServeCommand::Register(CLI::App& app, int& exitCode) {
         options.tracksDir = layout.tracks;
         options.dbDir = layout.db;
         options.poolDir = layout.pool;
+        options.cacheMemoryBytes = SizeParser::ParseSize(a->cacheMemory);
         exitCode = host::RunServer(options);
     });
 }

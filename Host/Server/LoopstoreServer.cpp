@@ -154,12 +154,14 @@ void LoopstoreServer::OpenStorage() {
     factory_ =
         std::make_unique<LoopRecordingFileFactory>(LoopRecordingFileFactory::FactoryParameters{
             options_.tracksDir, options_.dbDir, options_.poolDir});
-    storage_.reset(factory_->Construct({"loopstore", "loopstore server"}));
+    storage_.reset(
+        factory_->Construct({"loopstore", "loopstore server", options_.cacheMemoryBytes}));
 }
 
 void LoopstoreServer::Listen(const std::string& token) {
     guard_ = std::make_unique<CallGuard>(token);
-    peers_ = std::make_unique<PeerServiceFactory>(*factory_, "loopstore");
+    peers_ =
+        std::make_unique<PeerServiceFactory>(*factory_, "loopstore", options_.cacheMemoryBytes);
     trackStorageRpc_ = std::make_unique<TrackStorageRpc>(*storage_->trackStorage, *guard_);
     trackWriterRpc_ = std::make_unique<TrackWriterRpc>(*peers_, *guard_);
     trackReaderRpc_ = std::make_unique<TrackReaderRpc>(*peers_, *guard_);
@@ -193,8 +195,20 @@ void LoopstoreServer::Stop() {
     // (drained, last file saved) before the storage goes.
     server_->Shutdown(std::chrono::system_clock::now() + kShutdownGrace);
     server_->Wait();
+    LogCacheUsage();
     Release();
     MR_LOG(logger_, 30, "Stopped; storage closed");
+}
+
+void LoopstoreServer::LogCacheUsage() {
+    const CacheBudget::Usage usage = factory_->GetCacheUsage();
+    MR_LOG(logger_, 30,
+           "Chunk cache: " << usage.bytesInUse << "B in use, at most " << usage.peakBytesInUse
+                           << "B, limit "
+                           << (usage.limit == 0 ? std::string("none (per-track bounds)")
+                                                : std::to_string(usage.limit) + "B")
+                           << ", " << usage.chunksDropped
+                           << " written chunks dropped to stay within it");
 }
 
 void LoopstoreServer::Release() {

@@ -52,6 +52,8 @@ class LoopstoreServer {
     void OpenStorage();
     void Listen(const std::string& token);
     void Release();
+    // The shared chunk cache's use, at level 30.
+    void LogCacheUsage();
 
     const ServerOptions options_;
     std::mutex mutex_;  // serialises Start and Stop

@@ -6,13 +6,15 @@
 namespace loopstore::host {
 
 PeerServiceFactory::PeerServiceFactory(Moreld::Services::IServiceHandlerFactory& factory,
-                                       std::string serviceName)
-    : factory_(factory), serviceName_(std::move(serviceName)) {}
+                                       std::string serviceName, unsigned long cacheMemoryBytes)
+    : factory_(factory),
+      serviceName_(std::move(serviceName)),
+      cacheMemoryBytes_(cacheMemoryBytes) {}
 
 std::unique_ptr<MoreldStorageApi::Service> PeerServiceFactory::Construct(
     const grpc::ServerContext& context) const {
     std::unique_ptr<Moreld::Services::IService> service(
-        factory_.Construct({serviceName_, context.peer()}));
+        factory_.Construct({serviceName_, context.peer(), cacheMemoryBytes_}));
     auto* storage = dynamic_cast<MoreldStorageApi::Service*>(service.get());
     if (storage == nullptr)
         throw std::runtime_error("Service " + serviceName_ + " is not a storage service");

@@ -28,10 +28,13 @@ using ClientObject = std::unique_ptr<T, DestroyOnServer>;
 // Constructs one storage service per stream, described by the stream's peer
 // address, so that the storage's worker monitoring shows who reads and
 // writes. Refers to `factory`, which must outlive it and every service it
-// returns. Thread-safe as far as the factory's Construct is.
+// returns. Every service asks for the same cache memory budget
+// (`cacheMemoryBytes`, 0: the library's defaults). Thread-safe as far as the
+// factory's Construct is.
 class PeerServiceFactory {
   public:
-    PeerServiceFactory(Moreld::Services::IServiceHandlerFactory& factory, std::string serviceName);
+    PeerServiceFactory(Moreld::Services::IServiceHandlerFactory& factory, std::string serviceName,
+                       unsigned long cacheMemoryBytes = 0);
 
     // A new service owned by the caller. Throws std::runtime_error when the
     // factory's service is not a storage service.
@@ -40,6 +43,7 @@ class PeerServiceFactory {
   private:
     Moreld::Services::IServiceHandlerFactory& factory_;
     const std::string serviceName_;
+    const unsigned long cacheMemoryBytes_;
 };
 
 }  // namespace loopstore::host

@@ -19,6 +19,11 @@ struct ServerOptions {
     std::string logConfig;
     // Must be set to listen on anything but a loopback address.
     bool allowRemote = false;
+    // The memory the chunks cached by all writers share; written chunks are
+    // dropped beyond it. 0 leaves each track's cache the library's own
+    // bound (50000000 bytes per writer).
+    unsigned long cacheMemoryBytes = kDefaultCacheMemoryBytes;
+    static constexpr unsigned long kDefaultCacheMemoryBytes = 256ul << 20;
 };
 
 // Configures logging, starts the server and blocks until SIGTERM or SIGINT

@@ -35,9 +35,9 @@ DataChunkFileAppender::DataChunkFileAppender(const std::string& fileName, bool k
       logger_(tav::mr::logging::LoggingManager::GetLogger("DataChunkFileAppender")) {}
 
 DataChunkFileAppender::~DataChunkFileAppender() {
-    // An appender that wrote nothing has nothing to make durable; recovery
-    // opens many files only to scan them.
-    if (wrote_ && !noFlush_) {
+    // An appender that wrote nothing has nothing to make durable (recovery
+    // opens many files only to scan them), nor has one synced since.
+    if (unsynced_ && !noFlush_) {
         try {
             file_->DataSync();
         } catch (const std::exception& e) {
@@ -98,6 +98,7 @@ bool DataChunkFileAppender::RewindTo(uint64_t offset) {
 
 void DataChunkFileAppender::Sync() {
     file_->DataSync();
+    unsynced_ = false;
     LOOPSTORE_SYNC_POINT("DataChunkFileAppender::Sync:Done");
 }
 
@@ -116,7 +117,7 @@ void DataChunkFileAppender::BeginGeneration() {
     scanned_ = true;
     tail_ = ChunkFileHeader::kFirstRecordOffset;
     timePoints_.clear();
-    wrote_ = true;
+    unsynced_ = true;
     file_->WriteAt(bytes, sizeof(bytes), 0);
     MR_LOG(
         logger_, 20,
@@ -168,7 +169,7 @@ bool DataChunkFileAppender::AppendAt(const Moreld::Plexa::DataChunk& chunk, uint
         {const_cast<char*>(chunk.GetData().data()), chunk.GetData().size()},
         {const_cast<char*>(kEndMark), sizeof(kEndMark)},
     };
-    wrote_ = true;
+    unsynced_ = true;
     file_->WriteAtV(iov, marksEnd ? 3 : 2, offset);
     tail_ = offset + size;
     timePoints_.insert(chunk.GetTimePoint());

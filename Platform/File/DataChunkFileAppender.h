@@ -39,7 +39,7 @@ class DataChunkFileAppender {
     // when the header cannot be read.
     DataChunkFileAppender(const std::string& fileName, bool keepContent, uint64_t fileSize);
     // Makes the appended records durable (fdatasync) unless the no-flush flag
-    // is set or nothing was appended, then closes. Never throws: failures are
+    // is set or nothing was written since the last Sync, then closes. Never throws: failures are
     // logged at level 50.
     ~DataChunkFileAppender();
     DataChunkFileAppender(const DataChunkFileAppender&) = delete;
@@ -97,7 +97,9 @@ class DataChunkFileAppender {
     // keepContent was false and nothing has been appended yet.
     bool newGenerationPending_;
     bool noFlush_ = false;
-    bool wrote_ = false;
+    // Written to since opened or since the last Sync: a finished file that
+    // was just synced is not synced again when it closes.
+    bool unsynced_ = false;
     // Header and property block of the record being written, reused.
     std::string head_;
     tav::mr::logging::Logger logger_;

@@ -97,6 +97,12 @@ uint64_t FaultInjectionEnv::Effects() const {
     return effects_;
 }
 
+uint64_t FaultInjectionEnv::Calls(Op op) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = calls_.find(op);
+    return it == calls_.end() ? 0 : it->second;
+}
+
 std::error_code FaultInjectionEnv::Begin(Op op) {
     if (++effects_ == killAt_)
         ::kill(::getpid(), SIGKILL);

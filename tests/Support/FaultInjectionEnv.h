@@ -45,6 +45,8 @@ class FaultInjectionEnv final : public Moreld::File::Env {
     void KillAt(uint64_t nth);
     // Effects made so far.
     uint64_t Effects() const;
+    // Calls of `op` made so far, failed ones included.
+    uint64_t Calls(Op op) const;
 
     std::unique_ptr<Moreld::File::File> OpenFile(const std::string& name, int flags,
                                                  const char* failureText) override;

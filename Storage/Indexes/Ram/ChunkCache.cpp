@@ -14,7 +14,14 @@
 
 ChunkCache::ChunkCache() : logger_(tav::mr::logging::LoggingManager::GetLogger("ChunkCache")) {}
 
-ChunkCache::~ChunkCache() = default;
+ChunkCache::~ChunkCache() {
+    ReturnAllToBudget();
+}
+
+void ChunkCache::SetBudget(CacheBudget* budget, CacheBudget::Member* member) {
+    budget_ = budget;
+    member_ = member;
+}
 
 void ChunkCache::SetCacheSizeInBytes(unsigned long maxBytes) {
     maximumSize_ = maxBytes;
@@ -84,16 +91,49 @@ ChunkCache::DataChunkPtr ChunkCache::GetNextChunk(TimePoint t) const {
 }
 
 bool ChunkCache::InsertAndRemoveHandledChunks(DataChunkPtr chunk, TimePoint t, unsigned long size) {
+    return TryInsert(std::move(chunk), t, size) == Insertion::kInserted;
+}
+
+ChunkCache::Insertion ChunkCache::TryInsert(DataChunkPtr chunk, TimePoint t, unsigned long size) {
     CheckInsertion(t, size);
     while (!SpaceForChunks(size)) {
         if (EvictOldestHandled() != Eviction::kEvicted)
-            return false;
+            return Insertion::kCacheFull;
     }
+    if (budget_ != nullptr && !budget_->TryCharge(size))
+        return Insertion::kBudgetFull;
     chunks_.emplace(t, std::move(chunk));
     sizes_.emplace(t, size);
     currentSize_ += Weight(size);
     LogSize("Inserted chunk", t);
+    return Insertion::kInserted;
+}
+
+bool ChunkCache::DropHandled(TimePoint t) {
+    auto size = sizes_.find(t);
+    if (size == sizes_.end() || handled_.erase(t) == 0)
+        return false;
+    Erase(t, size->second);
+    LogSize("Dropped chunk", t);
     return true;
+}
+
+void ChunkCache::ReturnAllToBudget() {
+    if (budget_ == nullptr)
+        return;
+    budget_->Forget(member_);
+    unsigned long bytes = 0;
+    for (const auto& [t, size] : sizes_)
+        bytes += size;
+    budget_->Return(bytes);
+}
+
+void ChunkCache::Erase(TimePoint t, unsigned long size) {
+    currentSize_ -= Weight(size);
+    sizes_.erase(t);
+    chunks_.erase(t);
+    if (budget_ != nullptr)
+        budget_->Release(member_, t, size);
 }
 
 void ChunkCache::HandleChunk(TimePoint t, bool remove) {
@@ -101,17 +141,17 @@ void ChunkCache::HandleChunk(TimePoint t, bool remove) {
     if (size == sizes_.end())
         return;
     if (!remove) {
-        handled_.insert(t);
+        if (handled_.insert(t).second && budget_ != nullptr)
+            budget_->MarkHandled(member_, t);
         return;
     }
     // handled_ keeps t on purpose; see the header.
-    chunks_.erase(t);
-    currentSize_ -= Weight(size->second);
-    sizes_.erase(size);
+    Erase(t, size->second);
     LogSize("Removed chunk", t);
 }
 
 void ChunkCache::Clear() {
+    ReturnAllToBudget();
     sizes_.clear();
     handled_.clear();
     chunks_.clear();
@@ -160,10 +200,8 @@ ChunkCache::Eviction ChunkCache::EvictOldestHandled() {
                "We expected to find the size corresponding for the chunk at " << oldest);
         return Eviction::kSizeMissing;
     }
-    currentSize_ -= Weight(size->second);
-    sizes_.erase(size);
     handled_.erase(handled_.begin());
-    chunks_.erase(oldest);
+    Erase(oldest, size->second);
     return Eviction::kEvicted;
 }
 

@@ -8,6 +8,7 @@
 #include "Platform/Logging/Logger.h"
 #include "Platform/Plexa/DataChunk.h"
 #include "Platform/Time/TimePoint.h"
+#include "Storage/Indexes/Ram/CacheBudget.h"
 
 // The RAM store of one track's most recent chunks, bounded in bytes or in
 // number of chunks. A chunk stays unhandled from its insertion until it has
@@ -17,6 +18,10 @@
 //
 // Chunks are shared, not copied: the cache keeps one reference per chunk and
 // hands out more.
+//
+// With a CacheBudget, every cached byte is also charged to it: an insertion
+// fails when the budget refuses the bytes, handled chunks are offered to it
+// for dropping, and every chunk that leaves gives its bytes back.
 //
 // Thread safety: none. ThreadedChunkCache owns the only instance per track and
 // serialises every call under its own lock.
@@ -30,6 +35,7 @@ class ChunkCache {
 
     // Maximum 0, mode None: refuses every chunk until a limit is set.
     ChunkCache();
+    // Gives every cached byte back to the budget, if any.
     virtual ~ChunkCache();
     ChunkCache(const ChunkCache&) = delete;
     ChunkCache& operator=(const ChunkCache&) = delete;
@@ -67,6 +73,17 @@ class ChunkCache {
     // alone exceeds a byte bound or `t` is not after the last cached chunk.
     bool InsertAndRemoveHandledChunks(DataChunkPtr chunk, TimePoint t, unsigned long size);
 
+    // As InsertAndRemoveHandledChunks, telling why a chunk did not get in.
+    enum class Insertion { kInserted, kCacheFull, kBudgetFull };
+    Insertion TryInsert(DataChunkPtr chunk, TimePoint t, unsigned long size);
+
+    // Charges the cached bytes to `budget` from now on, on behalf of
+    // `member` (the owner that can drop chunks on the budget's request).
+    // Both not owned, must outlive the cache. Call while the cache is empty.
+    void SetBudget(CacheBudget* budget, CacheBudget::Member* member);
+    // Drops the chunk at `t` when it is cached and handled; false otherwise.
+    bool DropHandled(TimePoint t);
+
     // Marks the chunk at `t` handled (evictable), or with `remove` drops it at
     // once. Unknown time points are ignored. Removal leaves `t` in the handled
     // set: the next insertion that needs room then fails until Clear.
@@ -84,6 +101,9 @@ class ChunkCache {
     void CheckInsertion(TimePoint t, unsigned long size) const;
     // Evicts the oldest handled chunk.
     Eviction EvictOldestHandled();
+    // Forgets the chunk at `t`, of `size` bytes, in every map but handled_.
+    void Erase(TimePoint t, unsigned long size);
+    void ReturnAllToBudget();
     void LogSize(const char* what, TimePoint t) const;
 
     unsigned long maximumSize_ = 0;
@@ -94,5 +114,7 @@ class ChunkCache {
     std::map<TimePoint, unsigned long> sizes_;
     // Normally a subset of the keys; see HandleChunk for the exception.
     std::set<TimePoint> handled_;
+    CacheBudget* budget_ = nullptr;          // not owned; null: no budget
+    CacheBudget::Member* member_ = nullptr;  // not owned
     tav::mr::logging::Logger logger_;
 };

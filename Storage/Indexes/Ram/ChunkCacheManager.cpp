@@ -7,7 +7,9 @@ ThreadedChunkCache* ChunkCacheManager::GetChunkCache(long trackId) {
     // The key is the id's low 32 bits; ids that share them share a cache.
     const auto key = static_cast<int32_t>(static_cast<uint32_t>(trackId));
     std::unique_ptr<ThreadedChunkCache>& cache = caches_[key];
-    if (!cache)
+    if (!cache) {
         cache = std::make_unique<ThreadedChunkCache>();
+        cache->SetBudget(&budget_);
+    }
     return cache.get();
 }

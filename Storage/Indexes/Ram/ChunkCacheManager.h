@@ -5,13 +5,15 @@
 #include <memory>
 #include <mutex>
 
+#include "Storage/Indexes/Ram/CacheBudget.h"
 #include "Storage/Indexes/Ram/ThreadedChunkCache.h"
 
 // The registry that gives every track its one ThreadedChunkCache, created on
 // first request and kept until the registry is destroyed.
 //
 // Caches are keyed by the low 32 bits of the track id, so two tracks whose ids
-// agree there share one cache.
+// agree there share one cache. Every cache charges its chunks to the one
+// CacheBudget the manager owns; its limit is 0 (none) until the host sets it.
 //
 // Thread safety: GetChunkCache is safe from any thread (one mutex guards the
 // map). The caches themselves follow ThreadedChunkCache's contract.
@@ -26,8 +28,13 @@ class ChunkCacheManager {
     // The track's cache, created with ThreadedChunkCache's defaults when
     // missing. Never null; owned by the manager for its whole life.
     ThreadedChunkCache* GetChunkCache(long trackId);
+    // Shared by every cache; lives as long as the manager.
+    CacheBudget& GetBudget() { return budget_; }
 
   private:
+    // Declared first: destroyed after the caches, which give it back their
+    // bytes.
+    CacheBudget budget_;
     std::map<int32_t, std::unique_ptr<ThreadedChunkCache>> caches_;  // guarded by mutex_
     std::mutex mutex_;
 };

@@ -5,6 +5,7 @@
 #include <shared_mutex>
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/SyncPoint.h"
 
 // Invariant: work_'s count, plus the one signal a flusher pass may hold between
 // Wait and TakeOldestPending, is at least pending_.size(). So the thread never
@@ -62,27 +63,69 @@ void ThreadedChunkCache::Stop() {
     thread_.reset();
 }
 
-bool ThreadedChunkCache::Insert(DataChunkPtr chunk, TimePoint t, unsigned long size) {
+void ThreadedChunkCache::SetBudget(CacheBudget* budget) {
     std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    budget_ = budget;
+    cache_.SetBudget(budget, this);
+}
+
+unsigned long ThreadedChunkCache::BoundWithinBudget(unsigned long bytes) const {
+    const uint64_t limit = budget_ != nullptr ? budget_->GetLimit() : 0;
+    return limit != 0 && limit < bytes ? static_cast<unsigned long>(limit) : bytes;
+}
+
+bool ThreadedChunkCache::Insert(DataChunkPtr chunk, TimePoint t, unsigned long size) {
     bool waited = false;
-    while (!cache_.InsertAndRemoveHandledChunks(chunk, t, size)) {
-        MR_LOG(logger_, 40, "T" << trackId_ << ": Waiting to insert chunk at " << t);
-        IChunkFlusher* flusher = flusher_;
-        if (flusher != nullptr)
-            flusher->CacheIsWaiting(true);
-        // Only HandleChunk and the limit setters wake us; there is no time-out.
-        inserterWaiting_ = true;
-        handledWhileWaiting_ = 0;
-        spaceAvailable_.wait(lock);
-        inserterWaiting_ = false;
-        if (flusher != nullptr)
-            flusher->CacheIsWaiting(false);
+    for (;;) {
+        // The oldest written chunks of every track go first, ours included:
+        // no cache lock may be held here.
+        if (budget_ != nullptr)
+            budget_->Reclaim(size);
+        std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+        switch (cache_.TryInsert(chunk, t, size)) {
+            case ChunkCache::Insertion::kInserted:
+                pending_.insert(t);
+                MR_LOG(logger_, 10, "T" << trackId_ << ": Inserted chunk at " << t);
+                work_.Signal();
+                return waited;
+            case ChunkCache::Insertion::kCacheFull:
+                AwaitHandled(lock, t);
+                break;
+            case ChunkCache::Insertion::kBudgetFull:
+                lock.unlock();
+                AwaitBudget(t, size);
+                break;
+        }
         waited = true;
     }
-    pending_.insert(t);
-    MR_LOG(logger_, 10, "T" << trackId_ << ": Inserted chunk at " << t);
-    work_.Signal();
-    return waited;
+}
+
+void ThreadedChunkCache::AwaitHandled(std::unique_lock<boost::shared_mutex>& lock, TimePoint t) {
+    MR_LOG(logger_, 40, "T" << trackId_ << ": Waiting to insert chunk at " << t);
+    IChunkFlusher* flusher = flusher_;
+    if (flusher != nullptr)
+        flusher->CacheIsWaiting(true);
+    // Only HandleChunk and the limit setters wake us; there is no time-out.
+    inserterWaiting_ = true;
+    handledWhileWaiting_ = 0;
+    spaceAvailable_.wait(lock);
+    inserterWaiting_ = false;
+    if (flusher != nullptr)
+        flusher->CacheIsWaiting(false);
+}
+
+// Every cache of the process is full of chunks not yet written. Not this
+// cache's own slow disk, so the flusher is not told (it would log every
+// chunk louder); any track's written chunk wakes us.
+void ThreadedChunkCache::AwaitBudget(TimePoint t, unsigned long size) {
+    MR_LOG(logger_, 20, "T" << trackId_ << ": Waiting for the shared cache budget at " << t);
+    LOOPSTORE_SYNC_POINT("ThreadedChunkCache::AwaitBudget:Waiting");
+    budget_->AwaitRoom(size);
+}
+
+bool ThreadedChunkCache::DropHandled(TimePoint t) {
+    std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    return cache_.DropHandled(t);
 }
 
 void ThreadedChunkCache::HandleChunk(TimePoint t, bool remove) {

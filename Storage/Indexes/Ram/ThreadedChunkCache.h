@@ -11,6 +11,7 @@
 #include "Platform/Logging/Logger.h"
 #include "Platform/Time/TimePoint.h"
 #include "Platform/Tools/Semaphore.h"
+#include "Storage/Indexes/Ram/CacheBudget.h"
 #include "Storage/Indexes/Ram/ChunkCache.h"
 #include "Storage/Indexes/Ram/IChunkFlusher.h"
 
@@ -20,6 +21,10 @@
 // which makes it evictable. An insertion blocks while the cache is full of
 // unhandled chunks: this is how a slow disk pushes back on the writer.
 //
+// With a CacheBudget shared by every track's cache, an insertion first has
+// the budget drop the oldest written chunks of any track, and waits, with no
+// lock of this cache held, while the budget is full of unwritten chunks.
+//
 // Ownership: ChunkCacheManager owns one per track. The flusher is not owned
 // and must outlive the flusher thread (until Stop returns).
 //
@@ -27,8 +32,10 @@
 // GetPreviousChunk: shared lock), one inserting thread (Insert) and the flusher
 // thread, whose flusher calls HandleChunk; Insert, HandleChunk and Clear take
 // the lock exclusively, and so do the limit setters (GetCacheSize shares it).
-// Run and Stop are for one controlling thread.
-class ThreadedChunkCache {
+// Run and Stop are for one controlling thread. The budget may call
+// DropHandled from any thread. Lock order: this cache's lock, then the
+// budget's; another cache's lock is never taken while holding this one.
+class ThreadedChunkCache : public CacheBudget::Member {
   public:
     using TimePoint = Moreld::Time::TimePoint;
     using DataChunkPtr = ChunkCache::DataChunkPtr;
@@ -48,6 +55,12 @@ class ThreadedChunkCache {
     void SetCacheSizeInBytes(unsigned long maxBytes);
     void SetCacheSizeInChunks(unsigned long maxChunks);
     unsigned long GetCacheSize() const;
+    // Shares `budget` (not owned, outlives the cache) with the other caches.
+    // Call once, before the first insertion.
+    void SetBudget(CacheBudget* budget);
+    // `bytes`, or the budget's limit when that is smaller: a bound no single
+    // cache needs to exceed.
+    unsigned long BoundWithinBudget(unsigned long bytes) const;
 
     // Starts the flusher thread, first stopping a previous one.
     void Run();
@@ -57,8 +70,10 @@ class ThreadedChunkCache {
     void Stop();
 
     // Inserts `chunk` (non-null) starting at `t`, `size` bytes, and queues it
-    // for the flusher. Blocks, without time-out, while no room can be made;
-    // returns true when it had to wait, false when it got in at once. The
+    // for the flusher. Blocks, without time-out, while no room can be made,
+    // in this cache or in the budget; returns true when it had to wait,
+    // false when it got in at once. Must be called with no other cache's
+    // lock held (the budget may drop chunks of any cache). The
     // exceptions of ChunkCache::InsertAndRemoveHandledChunks pass through with
     // nothing inserted or queued.
     bool Insert(DataChunkPtr chunk, TimePoint t, unsigned long size);
@@ -74,7 +89,15 @@ class ThreadedChunkCache {
     DataChunkPtr GetNextChunk(TimePoint t) const;
     DataChunkPtr GetPreviousChunk(TimePoint t) const;
 
+    // The budget's request: drop the chunk at `t` if it is written.
+    bool DropHandled(TimePoint t) override;
+
   private:
+    // Waits, holding `lock` (released while waiting), until a chunk of this
+    // cache is handled or the bound changes.
+    void AwaitHandled(std::unique_lock<boost::shared_mutex>& lock, TimePoint t);
+    // Waits, with no lock held, until the budget can make room.
+    void AwaitBudget(TimePoint t, unsigned long size);
     // The flusher thread's body.
     void Flush();
     // Takes the oldest queued chunk out of pending. False when nothing is
@@ -86,6 +109,7 @@ class ThreadedChunkCache {
 
     ChunkCache cache_;  // guarded by cacheMutex_
     std::atomic<IChunkFlusher*> flusher_{nullptr};
+    CacheBudget* budget_ = nullptr;  // not owned; set before the first insertion
     mutable boost::shared_mutex cacheMutex_;
     std::set<TimePoint> pending_;  // guarded by cacheMutex_
     // Waited on, with cacheMutex_ held exclusively, by an insertion that found

@@ -112,6 +112,8 @@ void LoopRecordingFileFactory::LinkPool(bool opened) {
 
 MoreldStorageApi::Service* LoopRecordingFileFactory::Construct(
     const Moreld::Services::ExternalData& data) {
+    if (data.cacheMemoryBytes != 0)
+        UseCacheBudget(data.cacheMemoryBytes);
     auto service = std::make_unique<MoreldStorageApi::Service>();
     service->SetTrackStorage(std::make_unique<LoopRecordingTrackStorage>(*trackStorage_));
     service->SetTrackWriterFactory(std::make_unique<LoopRecordingFileTrackWriterFactory>(
@@ -119,6 +121,15 @@ MoreldStorageApi::Service* LoopRecordingFileFactory::Construct(
     service->SetTrackReaderFactory(std::make_unique<ChunkCacheFileTrackReaderFactory>(
         *managers_, *chunkCacheManager_, *directoryHandler_, *monitoring_, data.clientDescription));
     return service.release();
+}
+
+void LoopRecordingFileFactory::UseCacheBudget(unsigned long bytes) {
+    CacheBudget& budget = chunkCacheManager_->GetBudget();
+    if (budget.GetLimit() == bytes)
+        return;
+    budget.SetLimit(bytes);
+    MR_LOG(logger_, 30,
+           "The chunks cached by all writers share " << bytes / 1000000 << "MB (" << bytes << "B)");
 }
 
 void LoopRecordingFileFactory::HandlePowerFailure(const std::vector<ChunkFile>& files) {

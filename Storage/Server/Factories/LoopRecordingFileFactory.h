@@ -50,8 +50,14 @@ class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory
 
     // A new service (owned by the caller) with the track storage, the writer
     // factory and the reader factory; `data.clientDescription` names the
-    // client in the workers' monitoring.
+    // client in the workers' monitoring. A non-zero `data.cacheMemoryBytes`
+    // becomes the budget that the cached chunks of all tracks share (the
+    // last one given wins); 0 leaves the budget as it is (none at first).
     MoreldStorageApi::Service* Construct(const Moreld::Services::ExternalData& data) override;
+
+    // The shared cache's bytes in use, its limit (0: none) and the written
+    // chunks it dropped to stay within it.
+    CacheBudget::Usage GetCacheUsage() const { return chunkCacheManager_->GetBudget().GetUsage(); }
 
     LoopRecordingCommonTrackStorage& GetTrackStorage() { return *trackStorage_; }
     LoopRecordingFileManagers& GetManagers() { return *managers_; }
@@ -64,6 +70,7 @@ class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory
 
   private:
     void LockStore();
+    void UseCacheBudget(unsigned long bytes);
     void OpenPool();
     // First start, or a restart after a first start that did not complete.
     void LinkPool(bool opened);

@@ -12,7 +12,8 @@ using Moreld::Time::TimePoint;
 
 namespace {
 
-// Bytes a writer lets its track's cache hold.
+// Bytes a writer lets its track's cache hold; never more than the budget the
+// caches share, when the host set one.
 constexpr unsigned long kWriterCacheBytes = 50000000;
 // Every chunk file starts with a header of this size.
 constexpr unsigned long kFileHeaderSize = 16;
@@ -33,7 +34,7 @@ LoopRecordingFileTrackWriter::LoopRecordingFileTrackWriter(long trackId,
       trackLock_(std::make_unique<TrackLock>(trackId)) {
     manager_.BeginWriting();
     cache_.SetTrackId(trackId_);
-    cache_.SetCacheSizeInBytes(kWriterCacheBytes);
+    cache_.SetCacheSizeInBytes(cache_.BoundWithinBudget(kWriterCacheBytes));
     cache_.SetChunkFlusher(this);
     cache_.Run();
 
@@ -100,6 +101,16 @@ void LoopRecordingFileTrackWriter::RepairAfterDiskFailure() {
         SaveCurrentFile();
     appender_.reset();
     manager_.HandlePowerFailure(trackDirectory_);
+}
+
+// A slow disk makes every chunk slow: one line a second tells as much.
+bool LoopRecordingFileTrackWriter::SlowLine(std::string& suffix) {
+    uint64_t suppressed = 0;
+    if (!slowLines_.Allow(suppressed))
+        return false;
+    suffix = suppressed == 0 ? std::string()
+                             : " (" + std::to_string(suppressed) + " similar lines suppressed)";
+    return true;
 }
 
 void LoopRecordingFileTrackWriter::SetMonitoring(Monitoring* monitoring, long workerId) {
@@ -214,10 +225,11 @@ void LoopRecordingFileTrackWriter::Append(const Protocol::Chunk& message) {
     Moreld::Plexa::Converter::Swap(*chunk, const_cast<Protocol::Chunk&>(message));
     const TimePoint t = chunk->GetTimePoint();
     const TimePoint duration = chunk->GetDuration();
-    if (Milliseconds(total) > 10) {
+    std::string suppressed;
+    if (Milliseconds(total) > 10 && SlowLine(suppressed)) {
         MR_LOG(logger_, 40,
                "T" << trackId_ << ": Copy chunk took " << Milliseconds(total) << "ms for chunk "
-                   << appendedChunks_ << " at " << t);
+                   << appendedChunks_ << " at " << t << suppressed);
     }
     ThrowLosses();
     if (diskFailed_) {
@@ -232,22 +244,22 @@ void LoopRecordingFileTrackWriter::Append(const Protocol::Chunk& message) {
 
     Moreld::Tools::StdTimer insertion;
     const bool waited = cache_.Insert(chunk, t, size);
-    if (waited) {
+    if (waited && SlowLine(suppressed)) {
         MR_LOG(logger_, 40,
                "T" << trackId_ << ": We had to wait to insert in cache for chunk "
-                   << appendedChunks_ << " at " << t);
+                   << appendedChunks_ << " at " << t << suppressed);
     }
-    if (Milliseconds(insertion) > 10) {
+    if (Milliseconds(insertion) > 10 && SlowLine(suppressed)) {
         MR_LOG(logger_, 40,
                "T" << trackId_ << ": Insert in cache took " << Milliseconds(insertion)
-                   << "ms for chunk " << appendedChunks_ << " at " << t);
+                   << "ms for chunk " << appendedChunks_ << " at " << t << suppressed);
     }
     endOfTrack_ = t + duration;
     accumulatedDuration_ += duration;
-    if (Milliseconds(total) > 20) {
+    if (Milliseconds(total) > 20 && SlowLine(suppressed)) {
         MR_LOG(logger_, 40,
                "T" << trackId_ << ": Append took " << Milliseconds(total) << "ms for chunk "
-                   << appendedChunks_ << " at " << t);
+                   << appendedChunks_ << " at " << t << suppressed);
     }
 }
 
@@ -270,10 +282,11 @@ FileSystem::Chunk LoopRecordingFileTrackWriter::Flush(
             MR_LOG(logger_, 30, "About to Append chunk at " << t);
         FileSystem::Chunk record = manager_.Append(t, duration, size);
         LOOPSTORE_SYNC_POINT("LoopRecordingFileTrackWriter::Flush:Placed");
-        if (Milliseconds(timer) > 20) {
+        std::string suppressed;
+        if (Milliseconds(timer) > 20 && SlowLine(suppressed)) {
             MR_LOG(logger_, 40,
                    "T" << trackId_ << ": Manager took " << Milliseconds(timer) << "ms for chunk "
-                       << flushedChunks_ << " at " << t);
+                       << flushedChunks_ << " at " << t << suppressed);
         }
         if (monitoring_ != nullptr)
             monitoring_->Log(workerId_, size);

@@ -11,6 +11,7 @@
 #include "Platform/Plexa/DataChunk.h"
 #include "Platform/Services/ITrackWriter.h"
 #include "Platform/Time/TimePoint.h"
+#include "Platform/Tools/RateLimiter.h"
 #include "Storage/Indexes/Ram/Chunk.h"
 #include "Storage/Indexes/Ram/IChunkFlusher.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
@@ -24,6 +25,10 @@
 // record to that chunk file and lets the cache evict it; each time the index
 // moves to another file, the writer makes the finished file durable and then
 // saves its chunks in the track database.
+//
+// The writer bounds its track's cache to 50000000 bytes, or to the budget
+// that the caches of all tracks share when the host set a smaller one: the
+// budget alone then bounds the memory of the cached chunks.
 //
 // Ownership: the writer refers to its track's manager and cache (owned by
 // their registries, which outlive it) and owns the open chunk file and the
@@ -96,6 +101,9 @@ class LoopRecordingFileTrackWriter : public MoreldStorageApi::ITrackWriter, publ
     // report of such losses (host thread).
     void CountLoss(const TimePoint& t, const std::string& reason);
     void ThrowLosses();
+    // Whether a slow-path line may be written now (one a second for the
+    // track, whatever the line); `suffix` then tells how many were not.
+    bool SlowLine(std::string& suffix);
 
     const long trackId_;
     // Host thread only.
@@ -124,4 +132,6 @@ class LoopRecordingFileTrackWriter : public MoreldStorageApi::ITrackWriter, publ
     std::string firstLoss_;         // guarded by lossMutex_
     Monitoring* monitoring_ = nullptr;
     long workerId_ = 0;
+    // Shared by the host thread and the flusher thread.
+    Moreld::Tools::RateLimiter slowLines_;
 };

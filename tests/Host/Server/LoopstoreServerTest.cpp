@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <fstream>
 #include <limits>
 #include <thread>
@@ -550,6 +551,38 @@ TEST(LoopstoreServerTest, StopWithAnOpenWriteStreamSavesWhatWasAccepted) {
     }
     s.Start();
     EXPECT_EQ(Seconds(10, 10 + kSent - 1), Export(s, track, 0, 100 * kSecond));
+}
+
+// The writers of every stream share the server's cache memory: two tracks
+// of 200 KB each pass through 100 KB, and the stop reports how it went.
+TEST(LoopstoreServerTest, WritersShareTheCacheMemoryAndStopReportsIt) {
+    tav::mr::logging::LogCapture capture("LoopstoreServer");
+    ServerFixture s(8);
+    s.Stop();
+    s.Options().cacheMemoryBytes = 100000;
+    s.Start();
+    for (long track : {s.CreateTrack(1, 4), s.CreateTrack(2, 4)})
+        ASSERT_TRUE(s.Record(track, 10 * kSecond, 10).ok());
+    s.Stop();
+
+    const std::string prefix = "Chunk cache: ";
+    std::string report;
+    for (const std::string& text : capture.Texts()) {
+        if (text.rfind(prefix, 0) == 0)
+            report = text;
+    }
+    unsigned long inUse = 0, peak = 0, limit = 0, dropped = 0;
+    ASSERT_EQ(4, std::sscanf(report.c_str(),
+                             "Chunk cache: %luB in use, at most %luB, limit %luB, %lu written",
+                             &inUse, &peak, &limit, &dropped))
+        << report;
+    EXPECT_EQ(limit, 100000u);
+    EXPECT_GT(peak, 0u);
+    EXPECT_LE(peak, limit);
+    EXPECT_GT(dropped, 0u);
+    EXPECT_EQ(inUse, 0u);  // every writer ended: its cache was emptied
+    s.Start();
+    EXPECT_EQ(Seconds(10, 19), Export(s, 1, 0, 100 * kSecond));
 }
 
 TEST(LoopstoreServerTest, RunServerStopsOnRequest) {

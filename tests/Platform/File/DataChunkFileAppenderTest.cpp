@@ -9,6 +9,7 @@
 
 #include "Platform/File/DataChunkFileReader.h"
 #include "tests/Platform/File/ChunkFileTestUtil.h"
+#include "tests/Support/FaultInjectionEnv.h"
 #include "tests/Support/TempDir.h"
 
 using Moreld::File::DataChunkFileAppender;
@@ -310,6 +311,34 @@ TEST(DataChunkFileAppender, OpensOnlyExistingFilesAndKeepsTheNoFlushFlag) {
     }
     // Without the final flush the data is still in the page cache.
     EXPECT_EQ(TimePointsOnDisk(path), SecondsSet({1}));
+}
+
+// A finished file is synced once: closing it right after Sync costs no
+// second fdatasync, but a record written after the Sync is still made
+// durable at close, and a file only read is never synced.
+TEST(DataChunkFileAppender, ClosingSyncsOnlyWhatWasWrittenSinceTheLastSync) {
+    TempDir dir;
+    FaultInjectionEnv env(dir / "journal", dir / "trash");
+    const std::string path = dir / "00000001";
+    CreatePreallocatedFile(path, kFileSize);
+    ScopedEnv scoped(&env);
+    const auto syncs = [&] { return env.Calls(FaultInjectionEnv::Op::kSync); };
+    {
+        DataChunkFileAppender appender(path, false, kFileSize);
+        ASSERT_TRUE(appender.Append(MakeChunk(1, 100)));
+        appender.Sync();
+        EXPECT_EQ(syncs(), 1u);
+    }
+    EXPECT_EQ(syncs(), 1u) << "closed right after its sync";
+    {
+        DataChunkFileAppender appender(path, true, kFileSize);
+        ASSERT_TRUE(appender.Append(MakeChunk(2, 100)));
+        appender.Sync();
+        ASSERT_TRUE(appender.Append(MakeChunk(3, 100)));
+    }
+    EXPECT_EQ(syncs(), 3u) << "the record after the sync is made durable at close";
+    { EXPECT_EQ(DataChunkFileAppender(path, true, kFileSize).GetTimePoints().size(), 3u); }
+    EXPECT_EQ(syncs(), 3u);
 }
 
 }  // namespace

@@ -26,6 +26,7 @@ class TrackIo {
 
     LoopRecordingFileManager& Manager() { return *managers_->GetManager(trackId_); }
     ThreadedChunkCache& Cache() { return *caches_->GetChunkCache(trackId_); }
+    CacheBudget& Budget() { return caches_->GetBudget(); }
     // Drops the registries and loads the track again from its database.
     void Restart();
     // Drops the registries (closing the track's database), as a process exit does.

@@ -141,6 +141,38 @@ TEST(TrackWriterReader, LoopsSeveralTimesAndReadsEverythingBackFromCacheAndFiles
     VerifyTrack(io, written);
 }
 
+// The payload the host hands over is the one the cache keeps and the file
+// receives: moved, never copied. Under a budget smaller than its usual bound
+// the writer's cache takes the budget's bound, and recording goes on one
+// chunk at a time.
+TEST(TrackWriterReader, PayloadsAreNotCopiedAndTheBudgetBoundsTheWriter) {
+    TrackIo io(13, 4, 64 * 1024);
+    io.Budget().SetLimit(30000);
+    std::map<int64_t, size_t> written;
+    {
+        LoopRecordingFileTrackWriter writer(io.TrackId(), io.Manager(), io.Cache());
+        writer.SetTrackDirectory(io.Root());
+        Protocol::Chunk big = MakeChunkMessage(5 * kSecond, kSecond, 40000);
+        EXPECT_NE(ThrownText([&] { writer.Append(big); }).find("max cache size 30000"),
+                  std::string::npos);
+
+        Protocol::Chunk chunk = MakeChunkMessage(5 * kSecond, kSecond, 20000);
+        const char* bytes = chunk.data().data();
+        writer.Append(chunk);
+        written[5 * kSecond] = 20000;
+        EXPECT_EQ(io.Cache().GetChunk(TimePoint::FromSeconds(5))->GetData().data(), bytes);
+        for (int64_t s = 6; s < 16; ++s) {
+            Protocol::Chunk next = MakeChunkMessage(s * kSecond, kSecond, 20000);
+            writer.Append(next);
+            written[s * kSecond] = 20000;
+            EXPECT_LE(io.Budget().GetUsage().bytesInUse, 30000u);
+        }
+    }
+    EXPECT_EQ(VerifyTrack(io, written), written.size());
+    EXPECT_GT(io.Budget().GetUsage().chunksDropped, 0u);
+    EXPECT_EQ(io.Budget().GetUsage().bytesInUse, 0u);
+}
+
 TEST(TrackWriterReader, BadInputIsRefusedAndLosesNothingAccepted) {
     TrackIo io(3, 3, 16 * 1024);
     std::map<int64_t, size_t> written;
