@@ -72,8 +72,10 @@ void WriteTrack(const std::shared_ptr<grpc::Channel>& channel, long id, ChunkStr
 
 }  // namespace
 
-GrpcIngest::GrpcIngest(std::string directory, Workload workload)
-    : directory_(std::move(directory)), workload_(std::move(workload)) {}
+GrpcIngest::GrpcIngest(std::string directory, Workload workload, unsigned long cacheMemoryBytes)
+    : directory_(std::move(directory)),
+      workload_(std::move(workload)),
+      cacheMemoryBytes_(cacheMemoryBytes) {}
 
 double GrpcIngest::Run() {
     const cli::DataLayout layout = cli::DataLayout::Under(directory_);
@@ -85,6 +87,7 @@ double GrpcIngest::Run() {
         options.dbDir = layout.db;
         options.poolDir = layout.pool;
         options.listenAddress = "127.0.0.1:0";
+        options.cacheMemoryBytes = cacheMemoryBytes_;
         host::LoopstoreServer server(options);
         server.Start();
         std::vector<long> trackIds;

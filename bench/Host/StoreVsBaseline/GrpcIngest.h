@@ -16,7 +16,8 @@ namespace loopstore::bench {
 // the end, also on failure). Not thread-safe.
 class GrpcIngest {
   public:
-    GrpcIngest(std::string directory, Workload workload);
+    // `cacheMemoryBytes` goes to the server as its writers' budget.
+    GrpcIngest(std::string directory, Workload workload, unsigned long cacheMemoryBytes);
 
     // Chunk payload MB (10^6 B) per second from the first chunk sent to the
     // last stream closed (its writer drained). Throws std::runtime_error
@@ -29,6 +30,7 @@ class GrpcIngest {
 
     const std::string directory_;
     const Workload workload_;
+    const unsigned long cacheMemoryBytes_;
 };
 
 }  // namespace loopstore::bench

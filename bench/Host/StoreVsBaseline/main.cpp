@@ -89,7 +89,10 @@ void RunAll(const Options& options, const fs::path& dir) {
         report.Workload(workload, options.cacheMemoryBytes, figures);
         // The network adds its cost to the first workload's ingest.
         if (options.grpc && workload.name == "A")
-            report.Grpc(workload, GrpcIngest((dir / "grpc").string(), workload).Run(), figures[1]);
+            report.Grpc(
+                workload,
+                GrpcIngest((dir / "grpc").string(), workload, options.cacheMemoryBytes).Run(),
+                figures[1]);
     }
     std::printf("\nload average at the end %s\n", LoadAverage().c_str());
 }
