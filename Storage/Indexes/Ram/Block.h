@@ -24,8 +24,9 @@ class Block {
   public:
     using TimePoint = Moreld::Time::TimePoint;
     // Chunks arrive in time order and are never removed one by one, so a
-    // sorted vector keeps them: one allocation per block, no node per chunk,
-    // a binary search per lookup.
+    // sorted vector keeps them: no node per chunk, a binary search per
+    // lookup. The first chunk reserves room for as many chunks of its size
+    // as the file takes, so that a block of steady chunks is allocated once.
     using ChunkMap = boost::container::flat_map<TimePoint, Chunk>;
 
     // One chunk per file, any size (0_1).
@@ -115,6 +116,9 @@ class Block {
     // The last chunk starting at or before `tp`, or chunks_.end().
     ChunkMap::const_iterator LastStartingAtOrBefore(const TimePoint& tp) const;
     bool StartsTooEarly(const Chunk& chunk) const;
+    // The number of chunks of `size` bytes the block's configuration lets it
+    // take, bounded so that a huge file does not reserve a huge vector.
+    unsigned long ExpectedChunks(unsigned long size) const;
     void CheckSameFile(const Chunk& chunk) const;
 
     TimePoint startTime_;
