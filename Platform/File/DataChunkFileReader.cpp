@@ -91,13 +91,25 @@ uint64_t DataChunkFileReader::FileGeneration(uint64_t offset) {
     return header_.GetGeneration();
 }
 
+// The header is written before the records of its generation, so the header
+// read after a record is at least as new as the record: a record older than
+// it is stale and refused by the caller's check.
+uint64_t DataChunkFileReader::Revalidate(uint64_t offset, uint64_t keptGeneration,
+                                         uint64_t recordGeneration) {
+    if (recordGeneration == keptGeneration) {
+        return keptGeneration;
+    }
+    header_ = ChunkFileHeader();
+    return FileGeneration(offset);
+}
+
 // With a plausible guess of the record's layout, the header, the property
 // block and the payload come in one system call; the guess is only kept when
 // the header read with it confirms both sizes, else ReadBody reads again.
 ChunkRecordHeader DataChunkFileReader::ReadHeader(uint64_t offset, uint64_t guessedSize,
                                                   char (&raw)[ChunkRecordHeader::kSize],
                                                   std::string& payload, bool& bodyRead) {
-    const uint64_t generation = FileGeneration(offset);
+    uint64_t generation = FileGeneration(offset);
     if (offset > fileSize_ || fileSize_ - offset < sizeof(raw)) {
         Fail(offset,
              "no record header fits before the end of the file at " + std::to_string(fileSize_));
@@ -122,6 +134,7 @@ ChunkRecordHeader DataChunkFileReader::ReadHeader(uint64_t offset, uint64_t gues
         Fail(offset, "end of file inside the record header");
     }
     const ChunkRecordHeader header = ChunkRecordHeader::Decode(raw);
+    generation = Revalidate(offset, generation, header.generation);
     std::string error = header.Check(offset, generation, fileSize_);
     if (!error.empty()) {
         Fail(offset, error);

@@ -19,8 +19,14 @@ namespace Moreld::File {
 // handed out: the caller gets the chunk that was written or an exception,
 // never wrong bytes.
 //
-// The file's generation is read with the first record and kept: a reader is
-// meant to live for one fetch or a few, not across the recycling of its file.
+// The file's generation is read with the first record and kept, so that a
+// kept reader reads a record with one system call. Recycling rewrites the
+// header in place with a new generation: a record of another generation than
+// the kept one makes the reader read the header again before it judges the
+// record. A record of the kept generation is taken without looking at the
+// header, so a caller keeping a reader across the recycling of its file must
+// only ask for records it knows the file's current content holds (an index
+// entry of a written chunk); the time point and size it expects are checked.
 //
 // Owns its read-only file descriptor. Not thread-safe (reused buffers).
 class DataChunkFileReader {
@@ -56,6 +62,9 @@ class DataChunkFileReader {
     void Read(Moreld::Plexa::DataChunk& out, uint64_t offset, const std::set<std::string>& keys,
               const Expectation* expected);
     uint64_t FileGeneration(uint64_t offset);
+    // Reads the header again when a record of `recordGeneration` disagrees
+    // with the kept one (the file was recycled since); the current generation.
+    uint64_t Revalidate(uint64_t offset, uint64_t keptGeneration, uint64_t recordGeneration);
     // Reads the header into `raw`, and with it the whole record when
     // `guessedSize` (0: unknown) and the guessed property block size are
     // right: `bodyRead` then tells that properties_ and `payload` are filled.

@@ -28,9 +28,11 @@ class FaultInjectionFile final : public Moreld::File::File {
     const std::string& GetFileName() const override { return inner_->GetFileName(); }
     uint64_t Size() const override { return inner_->Size(); }
     size_t ReadAt(void* buffer, size_t size, uint64_t offset) const override {
+        BeginRead(offset);
         return inner_->ReadAt(buffer, size, offset);
     }
     size_t ReadAtV(struct iovec* iov, int count, uint64_t offset) const override {
+        BeginRead(offset);
         return inner_->ReadAtV(iov, count, offset);
     }
     void WriteAt(const void* buffer, size_t size, uint64_t offset) override {
@@ -59,6 +61,13 @@ class FaultInjectionFile final : public Moreld::File::File {
     void Close() override { inner_->Close(); }
 
   private:
+    // Fails as the POSIX file does.
+    void BeginRead(uint64_t offset) const {
+        std::lock_guard<std::mutex> lock(env_.mutex_);
+        if (std::error_code error = env_.BeginRead())
+            Throw("Cannot read chunk file", GetFileName() + " at offset " + std::to_string(offset),
+                  error);
+    }
     void BeginWrite(uint64_t offset, size_t size) {
         if (std::error_code error = env_.Begin(FaultInjectionEnv::Op::kWrite))
             Throw("Cannot write chunk file", GetFileName() + " at offset " + std::to_string(offset),
@@ -106,7 +115,14 @@ uint64_t FaultInjectionEnv::Calls(Op op) const {
 std::error_code FaultInjectionEnv::Begin(Op op) {
     if (++effects_ == killAt_)
         ::kill(::getpid(), SIGKILL);
-    const uint64_t call = ++calls_[op];
+    return FaultOf(op, ++calls_[op]);
+}
+
+std::error_code FaultInjectionEnv::BeginRead() {
+    return FaultOf(Op::kRead, ++calls_[Op::kRead]);
+}
+
+std::error_code FaultInjectionEnv::FaultOf(Op op, uint64_t call) const {
     const auto found = faults_.find(op);
     if (found == faults_.end() || found->second.nth == 0)
         return {};

@@ -30,7 +30,9 @@ namespace loopstore::test {
 // Thread-safe: one mutex orders the journal and the effects.
 class FaultInjectionEnv final : public Moreld::File::Env {
   public:
-    enum class Op { kWrite, kSync, kRename, kOpen, kCreateDirectory, kRemove };
+    // kRead counts reads of chunk files; reads are not effects (KillAt and
+    // Effects ignore them).
+    enum class Op { kWrite, kSync, kRename, kOpen, kCreateDirectory, kRemove, kRead };
 
     FaultInjectionEnv(const std::string& journal, const std::string& trash);
     ~FaultInjectionEnv() override;
@@ -75,6 +77,10 @@ class FaultInjectionEnv final : public Moreld::File::Env {
     // Counts one call of `op` and one effect; the fault it meets, if any.
     // Kills the process when the effect count is reached. mutex_ held.
     std::error_code Begin(Op op);
+    // Counts one read; the fault it meets, if any. mutex_ held.
+    std::error_code BeginRead();
+    // The fault the `call`th call of `op` meets. mutex_ held.
+    std::error_code FaultOf(Op op, uint64_t call) const;
     std::error_code MoveToTrash(const std::string& path, bool tree);
 
     mutable std::mutex mutex_;

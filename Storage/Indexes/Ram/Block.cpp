@@ -1,5 +1,6 @@
 #include "Storage/Indexes/Ram/Block.h"
 
+#include <algorithm>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -13,6 +14,9 @@ namespace {
 constexpr unsigned long kBlockRamSize = 48;
 constexpr unsigned long kChunkRamSize = 112;
 constexpr unsigned long kProtectionRamSize = 8;
+// At most this many chunks are reserved ahead (a bit under 0.5 MB); a block
+// that takes more grows as a vector does.
+constexpr unsigned long kMaxReservedChunks = 4096;
 
 }  // namespace
 
@@ -60,6 +64,7 @@ bool Block::Append(const Chunk& chunk) {
         CheckSameFile(chunk);
     } else {
         startTime_ = chunk.timepoint;
+        chunks_.reserve(ExpectedChunks(chunk.location.size));
     }
     auto placed = chunks_.emplace_hint(chunks_.end(), chunk.timepoint, chunk);
     placed->second.location.chunkIndex = chunks_.size() - 1;
@@ -228,6 +233,19 @@ bool Block::StartsTooEarly(const Chunk& chunk) const {
         return true;
     }
     return !chunks_.empty() && chunk.timepoint <= chunks_.rbegin()->first;
+}
+
+unsigned long Block::ExpectedChunks(unsigned long size) const {
+    const unsigned long maxSize = configuration_.GetMaxSize();
+    const unsigned long maxChunk = configuration_.GetMaxChunk();
+    unsigned long expected = kMaxReservedChunks;
+    if (maxChunk != 0) {
+        expected = std::min(expected, maxChunk);
+    }
+    if (maxSize > kFileHeaderSize && size != 0) {
+        expected = std::min(expected, (maxSize - kFileHeaderSize) / size);
+    }
+    return std::max(expected, 1UL);
 }
 
 void Block::CheckSameFile(const Chunk& chunk) const {

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <map>
+#include <boost/container/flat_map.hpp>
+
 #include <set>
 #include <string>
 
@@ -22,7 +23,11 @@ namespace FileSystem {
 class Block {
   public:
     using TimePoint = Moreld::Time::TimePoint;
-    using ChunkMap = std::map<TimePoint, Chunk>;
+    // Chunks arrive in time order and are never removed one by one, so a
+    // sorted vector keeps them: no node per chunk, a binary search per
+    // lookup. The first chunk reserves room for as many chunks of its size
+    // as the file takes, so that a block of steady chunks is allocated once.
+    using ChunkMap = boost::container::flat_map<TimePoint, Chunk>;
 
     // One chunk per file, any size (0_1).
     Block();
@@ -46,6 +51,13 @@ class Block {
     // fit. Throws std::runtime_error, changing nothing, when the block has
     // chunks of another file than chunk.location.file.
     bool Append(const Chunk& chunk);
+    // Room for `count` chunks in all, so that appending that many allocates
+    // nothing more (an index rebuilt from its database knows each block's
+    // count).
+    void Reserve(size_t count) { chunks_.reserve(count); }
+    // Gives back the room reserved beyond the chunks held: for a block that
+    // takes no more chunks.
+    void ShrinkToFit() { chunks_.shrink_to_fit(); }
     // Whether a chunk of `size` bytes fits after the current ones.
     bool IsSpaceForNewChunk(unsigned long size) const;
 
@@ -104,6 +116,9 @@ class Block {
     // The last chunk starting at or before `tp`, or chunks_.end().
     ChunkMap::const_iterator LastStartingAtOrBefore(const TimePoint& tp) const;
     bool StartsTooEarly(const Chunk& chunk) const;
+    // The number of chunks of `size` bytes the block's configuration lets it
+    // take, bounded so that a huge file does not reserve a huge vector.
+    unsigned long ExpectedChunks(unsigned long size) const;
     void CheckSameFile(const Chunk& chunk) const;
 
     TimePoint startTime_;

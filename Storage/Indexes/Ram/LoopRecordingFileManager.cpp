@@ -153,6 +153,10 @@ void LoopRecordingFileManager::ReleaseRecycledBlock(const FileChoice& choice) {
 FileSystem::Chunk LoopRecordingFileManager::OpenBlock(const FileChoice& choice, const TimePoint& tp,
                                                       const TimePoint& duration,
                                                       unsigned long size) {
+    // The newest block takes no more chunks: the room its chunks grew into
+    // goes back before a new one starts growing.
+    if (!blocks_.empty())
+        blocks_.rbegin()->second.ShrinkToFit();
     BlockConfiguration configuration(static_cast<unsigned long>(choice.file.Size()), 0);
     auto [it, inserted] = blocks_.try_emplace(tp, configuration);
     if (!inserted)

@@ -56,23 +56,31 @@ void TrackIndexRecovery::LoadEmptyFiles() {
     }
 }
 
+// Rows of one file are consecutive: they are written in one batch per file.
+// The rows are streamed and one file's worth is held at a time, so that each
+// block is built at its final size.
 void TrackIndexRecovery::LoadBlocks(unsigned long& chunkCount) {
-    std::vector<FileSystem::Chunk> chunks;
-    {
-        std::lock_guard<std::mutex> db(m_.dbMutex_);
-        chunks = m_.trackDb_.GetAllChunks();
-    }
-    // Rows of one file are consecutive: they are written in one batch per file.
-    FileSystem::Block block(BlockConfiguration(0, 1));
-    for (const FileSystem::Chunk& chunk : chunks) {
-        if (block.Empty() || block.GetChunkFile() != chunk.location.file) {
-            if (!block.Empty())
-                m_.IndexBlock(std::move(block));
-            block.Reset(
-                BlockConfiguration(static_cast<unsigned long>(chunk.location.file.Size()), 0));
+    std::vector<FileSystem::Chunk> rows;
+    std::lock_guard<std::mutex> db(m_.dbMutex_);
+    m_.trackDb_.ForEachChunk([&](const FileSystem::Chunk& chunk) {
+        if (!rows.empty() && rows.front().location.file != chunk.location.file) {
+            chunkCount += IndexFileRows(rows);
+            rows.clear();
         }
+        rows.push_back(chunk);
+    });
+    if (!rows.empty())
+        chunkCount += IndexFileRows(rows);
+}
+
+size_t TrackIndexRecovery::IndexFileRows(const std::vector<FileSystem::Chunk>& rows) {
+    const ChunkFile& file = rows.front().location.file;
+    FileSystem::Block block(BlockConfiguration(static_cast<unsigned long>(file.Size()), 0));
+    block.Reserve(rows.size());
+    size_t indexed = 0;
+    for (const FileSystem::Chunk& chunk : rows) {
         if (block.Append(chunk)) {
-            ++chunkCount;
+            ++indexed;
         } else {
             MR_LOG(m_.logger_, 40,
                    "T" << m_.trackId_ << ": Chunk " << chunk
@@ -81,6 +89,7 @@ void TrackIndexRecovery::LoadBlocks(unsigned long& chunkCount) {
     }
     if (!block.Empty())
         m_.IndexBlock(std::move(block));
+    return indexed;
 }
 
 void TrackIndexRecovery::OpenDatabase(const std::string& directory) {

@@ -2,6 +2,7 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 #include "Storage/Indexes/Ram/Block.h"
 
@@ -27,6 +28,8 @@ class TrackIndexRecovery {
   private:
     void LoadEmptyFiles();
     void LoadBlocks(unsigned long& chunkCount);
+    // Indexes the rows of one file as one block; how many fit in it.
+    size_t IndexFileRows(const std::vector<FileSystem::Chunk>& rows);
     std::set<Moreld::Time::TimePoint> TimePointsInFile(const std::string& root,
                                                        const ChunkFile& file);
     // How many of the block's first chunks read back from its file; sets

@@ -258,11 +258,15 @@ void TrackDB::SaveAndRemove(const std::vector<FileSystem::Chunk>& chunks) {
 
 std::vector<FileSystem::Chunk> TrackDB::GetAllChunks() {
     std::vector<FileSystem::Chunk> chunks;
+    ForEachChunk([&](const FileSystem::Chunk& chunk) { chunks.push_back(chunk); });
+    return chunks;
+}
+
+void TrackDB::ForEachChunk(const std::function<void(const FileSystem::Chunk&)>& row) {
     CachedRun select(db_, "TrackDB::GetAllChunks", selectAllChunksSql_);
     for (select->Execute(); !select->IsDone(); select->Next()) {
-        chunks.push_back(ChunkFromRow(*select));
+        row(ChunkFromRow(*select));
     }
-    return chunks;
 }
 
 std::vector<ChunkFile> TrackDB::GetAllEmptyFiles() {

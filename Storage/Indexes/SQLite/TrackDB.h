@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -80,6 +81,10 @@ class TrackDB {
     // Every chunk row, in the order SQLite returns them; chunk index 0,
     // files not flagged as empty.
     std::vector<FileSystem::Chunk> GetAllChunks();
+    // Hands every chunk row to `row` as GetAllChunks lists them, one at a
+    // time: nothing is held for the whole table. `row` must not call back
+    // into this object.
+    void ForEachChunk(const std::function<void(const FileSystem::Chunk&)>& row);
     // Every empty file, flagged as empty.
     std::vector<ChunkFile> GetAllEmptyFiles();
     // The distinct files of the chunks whose time point lies in [from, to],

@@ -1,6 +1,5 @@
 #include "Storage/Server/FileSystem/ChunkCacheTrackReader.h"
 
-#include "Platform/File/DataChunkFileReader.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Plexa/Converter.h"
 
@@ -82,17 +81,32 @@ void ChunkCacheTrackReader::GetChunk(const FileSystem::Chunk& chunk,
         Converter::Fill(*cached, out, keys);
         return;
     }
-    const std::string name = chunk.location.file.GetAbsoluteFileName(trackDirectory_, false);
-    Moreld::File::DataChunkFileReader reader(name);
     Moreld::Plexa::DataChunk data;
     // The record is read into the buffer `out` already owns: a caller that
     // reuses its message allocates (and zero-fills) no new payload.
     data.MutableData().swap(*out.mutable_data());
-    reader.GetChunk(data, chunk.location.offset, keys, chunk.timepoint, chunk.location.size);
+    ReadRecord(chunk, keys, data);
     if (monitoring_ != nullptr)
         monitoring_->Log(workerId_, data.GetSizeOnFile());
     Converter::Swap(data, out);
     found = true;
+}
+
+// Files only move by rename and their numbers are unique, so a kept
+// descriptor reads the file the name stands for; after a failure it is closed
+// all the same, and the next read starts from a fresh one.
+void ChunkCacheTrackReader::ReadRecord(const FileSystem::Chunk& chunk,
+                                       const std::set<std::string>& keys,
+                                       Moreld::Plexa::DataChunk& data) {
+    const std::string name = chunk.location.file.GetAbsoluteFileName(trackDirectory_, false);
+    bool opened = false;
+    Moreld::File::DataChunkFileReader& reader = files_.Get(name, opened);
+    try {
+        reader.GetChunk(data, chunk.location.offset, keys, chunk.timepoint, chunk.location.size);
+    } catch (...) {
+        files_.Forget(name);
+        throw;
+    }
 }
 
 void ChunkCacheTrackReader::Step(Direction direction, const char* name,

@@ -10,6 +10,7 @@
 #include "Storage/Indexes/Ram/Chunk.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 #include "Storage/Indexes/Ram/ThreadedChunkCache.h"
+#include "Storage/Server/FileSystem/OpenChunkFiles.h"
 #include "Storage/Server/Monitoring.h"
 
 // The host's reader for one track. The track's index decides whether a
@@ -18,6 +19,9 @@
 // (time point, size, checksum, generation): a reader never returns bytes
 // that are not the chunk the index names. A chunk in the cache that the
 // index does not know yet is not visible.
+//
+// Keeps the few chunk files it read last open (OpenChunkFiles), so that a
+// record read from a file already read takes one system call.
 //
 // Refers to the manager and cache (owned by their registries). Used by one
 // host thread at a time; shares the cache and the index with the writer.
@@ -61,6 +65,9 @@ class ChunkCacheTrackReader : public MoreldStorageApi::ITrackReader {
     const IFileSystemManager::IChunkProtection* Find(Direction direction, const TimePoint& t);
     void Get(Direction direction, const char* name, const Protocol::TimePoint& t,
              const Protocol::KeyList& keys, Protocol::Chunk& out, bool& found);
+    // Reads the chunk's record from its file, kept open for the next reads.
+    void ReadRecord(const FileSystem::Chunk& chunk, const std::set<std::string>& keys,
+                    Moreld::Plexa::DataChunk& data);
     void Step(Direction direction, const char* name, const Protocol::TimePoint& t,
               Protocol::TimePoint& out, bool& found);
 
@@ -72,4 +79,5 @@ class ChunkCacheTrackReader : public MoreldStorageApi::ITrackReader {
     tav::mr::logging::Logger logger_;
     Monitoring* monitoring_ = nullptr;
     long workerId_ = 0;
+    OpenChunkFiles files_;
 };

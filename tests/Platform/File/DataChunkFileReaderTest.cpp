@@ -199,5 +199,40 @@ TEST_F(DataChunkFileReaderTest, OpensOnlyExistingFilesAndSeesAFileThatGetsItsFir
     EXPECT_EQ(out, chunks_[0]);
 }
 
+// A reader kept open while its file is recycled in place: records of the new
+// generation are read (the header is read again), and an old record at the
+// same place, even intact, is never taken for the new one.
+TEST_F(DataChunkFileReaderTest, AKeptReaderFollowsTheRecyclingOfItsFile) {
+    DataChunkFileReader reader(path_);
+    DataChunk out;
+    reader.GetChunk(out, offsets_[1], {}, TimePoint::FromSeconds(2), chunks_[1].GetSizeOnFile());
+    EXPECT_EQ(out.GetData(), chunks_[1].GetData());
+
+    // The new content has records of the old sizes at the old offsets.
+    const std::vector<DataChunk> recycled = {
+        MakeChunk(11, 1500, {{"a", "x"}, {"b", "yy"}, {"c", ""}}), MakeChunk(12, 0)};
+    {
+        DataChunkFileAppender appender(path_, false, kFileSize);
+        for (const DataChunk& chunk : recycled) {
+            ASSERT_TRUE(appender.Append(chunk));
+        }
+    }
+    ASSERT_EQ(OffsetsOf(recycled)[1], offsets_[1]);
+    reader.GetChunk(out, offsets_[1], {}, TimePoint::FromSeconds(12), recycled[1].GetSizeOnFile());
+    EXPECT_EQ(out.GetTimePoint(), TimePoint::FromSeconds(12));
+    EXPECT_EQ(out.GetData(), recycled[1].GetData());
+    EXPECT_TRUE(Contains(ErrorOf([&] {
+                             reader.GetChunk(out, offsets_[1], {}, TimePoint::FromSeconds(2),
+                                             chunks_[1].GetSizeOnFile());
+                         }),
+                         "is not the expected"));
+    // Behind the new tail lies no record of the new content.
+    EXPECT_TRUE(Contains(ErrorOf([&] {
+                             reader.GetChunk(out, offsets_[2], {}, TimePoint::FromSeconds(3),
+                                             chunks_[2].GetSizeOnFile());
+                         }),
+                         "bad record at offset"));
+}
+
 }  // namespace
 }  // namespace loopstore::test
