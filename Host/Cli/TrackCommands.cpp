@@ -69,10 +69,13 @@ void TrackCommands::AddCreate(CLI::App& track) {
     c->client.AddTo(*cmd);
     cmd->callback([c] {
         const uint64_t size = SizeParser::ParseSize(c->extra.size);
-        const int64_t id = c->client.Connect()->CreateTrack(c->extra.id, size);
+        auto client = c->client.Connect();
+        const int64_t id = client->CreateTrack(c->extra.id, size);
+        // The track takes whole pool files: report what it got, not the request.
+        const uint64_t taken = client->GetTrackInfos({id}).infos(0).track_size();
         Output(c->client.json, std::cout)
-            .Print({{"id", id}, {"size", size}},
-                   "created track " + std::to_string(id) + " of " + Output::Bytes(size));
+            .Print({{"id", id}, {"requested_size", size}, {"size", taken}},
+                   "created track " + std::to_string(id) + " of " + Output::Bytes(taken));
     });
 }
 
