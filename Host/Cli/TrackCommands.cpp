@@ -19,9 +19,14 @@ using nlohmann::json;
 namespace {
 
 // An empty track's times are not instants (the storage answers 0 or -1 ns).
+// Neither is a beginning of 0 ns on a track holding data: the storage takes
+// the beginning from its recyclable files and answers 0 ns when every file
+// holding data is protected, so show it as unknown rather than 1970.
 Moreld::Time::TimePoint Instant(const Protocol::TrackInfo& info, const Protocol::TimePoint& tp) {
-    return info.current_size() == 0 ? Moreld::Time::TimePoint::FromNanoseconds(-1)
-                                    : Converter::From(tp);
+    const Moreld::Time::TimePoint instant = Converter::From(tp);
+    return info.current_size() == 0 || instant.ToNanoseconds() == 0
+               ? Moreld::Time::TimePoint::FromNanoseconds(-1)
+               : instant;
 }
 
 json InfoJson(const Protocol::TrackInfo& info) {

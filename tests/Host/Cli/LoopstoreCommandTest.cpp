@@ -244,6 +244,20 @@ TEST_F(LoopstoreCommandTest, BadInputAndMissingServerExitNonZeroWithAReason) {
     EXPECT_EQ(json::parse(missing.err)["exit_code"], 106);
 }
 
+TEST_F(LoopstoreCommandTest, AFullyProtectedTrackDoesNotBeginIn1970) {
+    StartServer();
+    const std::string t = std::to_string(Ok("track create --size 2M")["id"].get<int64_t>());
+    // Well under one pool file: a single file holds all the data.
+    Ok("record --track " + t +
+       " --synthetic --bitrate 1M --duration 1s --start 2030-01-01T00:00:00Z");
+    Ok("protect " + t + " --from 2030-01-01T00:00:00Z --to 2030-01-01T00:00:01Z");
+    const json info = Ok("track info " + t)["tracks"][0];
+    EXPECT_GT(info["current_size"], 0);
+    EXPECT_NE(info["beginning"], "1970-01-01T00:00:00.000000000Z");
+    const std::string list = Run("track list --server " + address_).out;
+    EXPECT_EQ(list.find("1970"), std::string::npos) << list;
+}
+
 TEST_F(LoopstoreCommandTest, VersionAndExitCodesAreInTheHelp) {
     const Result version = Run("--version");
     EXPECT_EQ(version.status, 0);
