@@ -91,7 +91,7 @@ void ExportCommand::Register(CLI::App& app) {
     CLI::App* cmd = app.add_subcommand(
         "export", "Write the chunks of a time range of a track to a file, in order");
     cmd->add_option("--track", a.track, "Track id")->required();
-    cmd->add_option("--from", a.from, "Start (ISO-8601, now, -10m, +30s, 123ns)")->required();
+    cmd->add_option("--from", a.from, "Start (ISO-8601, now, -10m, +30s, -1d, 123ns)")->required();
     cmd->add_option("--to", a.to, "End, after the start (same forms)")->required();
     cmd->add_option("--output", a.output, "Output file, or - for standard output")->required();
     c->client.AddTo(*cmd);

@@ -94,9 +94,9 @@ void FsckCommand::Register(CLI::App& app, int& exitCode) {
         try {
             exitCode = Fsck({layout.tracks, layout.db, layout.pool}, a->repair, a->json);
         } catch (const std::exception& e) {
-            std::cerr << "loopstore: cannot check the store " << layout.db << ": " << e.what()
-                      << std::endl;
             exitCode = 2;
+            Output::Error(a->json, std::cerr,
+                          "cannot check the store " + layout.db + ": " + e.what(), exitCode);
         }
     });
 }

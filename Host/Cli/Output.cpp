@@ -1,5 +1,6 @@
 #include "Host/Cli/Output.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <ostream>
 
@@ -16,6 +17,14 @@ void Output::Print(const nlohmann::json& value, const std::string& text) {
     out_.flush();
 }
 
+void Output::Error(bool json, std::ostream& err, const std::string& message, int code) {
+    if (json)
+        err << nlohmann::json({{"error", message}, {"exit_code", code}}).dump() << '\n';
+    else
+        err << "loopstore: " << message << '\n';
+    err.flush();
+}
+
 std::string Output::Bytes(uint64_t bytes) {
     static const char* const kUnits[] = {"KiB", "MiB", "GiB", "TiB"};
     std::string text = std::to_string(bytes) + " B";
@@ -30,6 +39,13 @@ std::string Output::Bytes(uint64_t bytes) {
     char scaled[32];
     std::snprintf(scaled, sizeof scaled, " (%.1f %s)", value, kUnits[unit]);
     return text + scaled;
+}
+
+std::string Output::Rate(uint64_t bytes, double seconds) {
+    char text[48];
+    std::snprintf(text, sizeof text, "%.2f MB/s",
+                  static_cast<double>(bytes) / std::max(seconds, 1e-6) / 1e6);
+    return text;
 }
 
 std::string Output::Time(Moreld::Time::TimePoint tp) {

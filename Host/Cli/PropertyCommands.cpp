@@ -1,5 +1,6 @@
 #include "Host/Cli/PropertyCommands.h"
 
+#include <algorithm>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -25,6 +26,13 @@ std::map<std::string, std::string> ParseAssignments(const std::vector<std::strin
         out[item.substr(0, eq)] = item.substr(eq + 1);
     }
     return out;
+}
+
+std::string Join(const std::vector<std::string>& keys) {
+    std::string text;
+    for (const std::string& key : keys)
+        text += (text.empty() ? "'" : ", '") + key + "'";
+    return text;
 }
 
 }  // namespace
@@ -98,10 +106,16 @@ void PropertyCommands::AddRemove(CLI::App& props) {
             throw CliError("props rm: name the keys to remove, or give --all");
         auto client = c->client.Connect();
         client->RequireTrack(c->extra.id);
-        std::vector<std::string> keys = c->extra.keys;
-        if (c->extra.all)
-            for (const auto& [key, value] : client->GetTrackProperties(c->extra.id))
+        // The server answers nothing on unknown keys: report only keys the
+        // track held.
+        const auto held = client->GetTrackProperties(c->extra.id);
+        std::vector<std::string> keys;
+        for (const auto& [key, value] : held)
+            if (c->extra.all || std::count(c->extra.keys.begin(), c->extra.keys.end(), key) != 0)
                 keys.push_back(key);
+        if (keys.empty() && !c->extra.all)
+            throw CliError("track " + std::to_string(c->extra.id) + " has none of the properties " +
+                           Join(c->extra.keys));
         if (!keys.empty())
             client->RemoveTrackProperties(c->extra.id, keys);
         Output(c->client.json, std::cout)

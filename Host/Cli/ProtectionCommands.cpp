@@ -17,6 +17,18 @@ using Moreld::Plexa::Converter;
 using Moreld::Time::TimePoint;
 using nlohmann::json;
 
+namespace {
+
+bool HasProtection(StorageClient& client, int64_t protection) {
+    const Protocol::ProtectionInfos infos = client.ListProtections();
+    for (const Protocol::ProtectionInfo& p : infos.infos())
+        if (p.protection_id() == protection)
+            return true;
+    return false;
+}
+
+}  // namespace
+
 void ProtectionCommands::Register(CLI::App& app) {
     AddProtect(app);
     AddUnprotect(app);
@@ -33,7 +45,7 @@ void ProtectionCommands::AddProtect(CLI::App& app) {
     CLI::App* cmd = app.add_subcommand(
         "protect", "Keep a time range of a track from being recycled; prints the protection id");
     cmd->add_option("id", c->extra.id, "Track id")->required();
-    cmd->add_option("--from", c->extra.from, "Start (ISO-8601, now, -10m, +30s, 123ns)")
+    cmd->add_option("--from", c->extra.from, "Start (ISO-8601, now, -10m, +30s, -1d, 123ns)")
         ->required();
     cmd->add_option("--to", c->extra.to, "End, after the start (same forms)")->required();
     c->client.AddTo(*cmd);
@@ -64,7 +76,11 @@ void ProtectionCommands::AddUnprotect(CLI::App& app) {
         ->required();
     c->client.AddTo(*cmd);
     cmd->callback([c] {
-        c->client.Connect()->Unprotect(c->extra.protection);
+        auto client = c->client.Connect();
+        // The server answers nothing on an unknown id, so look it up first.
+        if (!HasProtection(*client, c->extra.protection))
+            throw CliError("unknown protection " + std::to_string(c->extra.protection));
+        client->Unprotect(c->extra.protection);
         Output(c->client.json, std::cout)
             .Print({{"protection_id", c->extra.protection}, {"removed", true}},
                    "removed protection " + std::to_string(c->extra.protection));

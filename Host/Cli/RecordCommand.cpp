@@ -85,7 +85,7 @@ void Record(const ClientCommand<Args>& c) {
     std::ostringstream text;
     text << "recorded " << s.chunks << " chunks, " << Output::Bytes(s.bytes) << " on track "
          << a.track << ": " << s.first << " .. " << s.end << " (" << (mpegts ? "MPEG-TS, " : "")
-         << static_cast<uint64_t>(s.bytes / std::max(seconds, 1e-6) / 1e6) << " MB/s)";
+         << Output::Rate(s.bytes, seconds) << ")";
     if (s.stored != s.chunks)
         text << "; " << s.stored << " of them stored";
     if (s.dropped != 0)

@@ -12,7 +12,7 @@ namespace {
 
 [[noreturn]] void BadDuration(const std::string& whole, const std::string& why) {
     throw CliError("bad duration '" + whole + "': " + why +
-                   " (expected e.g. 40ms, 1.5s, 2m, 1h30m; units ns, us, ms, s, m, h)");
+                   " (expected e.g. 40ms, 1.5s, 2m, 1h30m; units ns, us, ms, s, m, h, d, w)");
 }
 
 // A number of digits with at most one '.'; one too long for a long double
@@ -54,7 +54,7 @@ TimeParser::TimePoint TimeParser::ParseInstant(const std::string& text, TimePoin
     } catch (const std::exception& e) {
         throw CliError("bad time '" + text + "': " + e.what() +
                        " (expected an ISO-8601 instant such as 2026-11-21T04:33:00Z, now, "
-                       "-10m, +30s or 123ns)");
+                       "-10m, +30s, -1d, -2w or 123ns)");
     }
 }
 
@@ -123,6 +123,10 @@ long double TimeParser::UnitNanoseconds(const std::string& unit, const std::stri
         return 60e9L;
     if (unit == "h")
         return 3600e9L;
+    if (unit == "d")
+        return 86400e9L;
+    if (unit == "w")
+        return 7 * 86400e9L;
     BadDuration(whole, unit.empty() ? "a unit is missing" : "unknown unit '" + unit + "'");
 }
 

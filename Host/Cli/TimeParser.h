@@ -11,7 +11,7 @@ namespace loopstore::cli {
 // Instants: an ISO-8601 instant ("2026-11-21T04:33:00Z", fractions and
 // offsets as TimePoint::FromString takes them), "now", a duration relative to
 // now ("-10m", "+30s"), or raw nanoseconds since the epoch ("123ns").
-// Durations: one or more <number><unit> terms, units ns, us, ms, s, m, h;
+// Durations: one or more <number><unit> terms, units ns, us, ms, s, m, h, d, w;
 // the number may have a decimal fraction ("1.5s", "1m30s", "40ms").
 //
 // Every value must fit a TimePoint (64-bit nanoseconds: instants from 1677 to

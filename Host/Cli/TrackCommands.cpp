@@ -19,9 +19,14 @@ using nlohmann::json;
 namespace {
 
 // An empty track's times are not instants (the storage answers 0 or -1 ns).
+// Neither is a beginning of 0 ns on a track holding data: the storage takes
+// the beginning from its recyclable files and answers 0 ns when every file
+// holding data is protected, so show it as unknown rather than 1970.
 Moreld::Time::TimePoint Instant(const Protocol::TrackInfo& info, const Protocol::TimePoint& tp) {
-    return info.current_size() == 0 ? Moreld::Time::TimePoint::FromNanoseconds(-1)
-                                    : Converter::From(tp);
+    const Moreld::Time::TimePoint instant = Converter::From(tp);
+    return info.current_size() == 0 || instant.ToNanoseconds() == 0
+               ? Moreld::Time::TimePoint::FromNanoseconds(-1)
+               : instant;
 }
 
 json InfoJson(const Protocol::TrackInfo& info) {
@@ -69,10 +74,13 @@ void TrackCommands::AddCreate(CLI::App& track) {
     c->client.AddTo(*cmd);
     cmd->callback([c] {
         const uint64_t size = SizeParser::ParseSize(c->extra.size);
-        const int64_t id = c->client.Connect()->CreateTrack(c->extra.id, size);
+        auto client = c->client.Connect();
+        const int64_t id = client->CreateTrack(c->extra.id, size);
+        // The track takes whole pool files: report what it got, not the request.
+        const uint64_t taken = client->GetTrackInfos({id}).infos(0).track_size();
         Output(c->client.json, std::cout)
-            .Print({{"id", id}, {"size", size}},
-                   "created track " + std::to_string(id) + " of " + Output::Bytes(size));
+            .Print({{"id", id}, {"requested_size", size}, {"size", taken}},
+                   "created track " + std::to_string(id) + " of " + Output::Bytes(taken));
     });
 }
 

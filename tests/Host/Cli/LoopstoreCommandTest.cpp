@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -179,6 +180,10 @@ TEST_F(LoopstoreCommandTest, EveryServerCommandAnswersInJson) {
     EXPECT_TRUE(Ok("protections")["protections"].empty());
     EXPECT_TRUE(Ok("workers")["workers"].is_array());
 
+    // A rate below 1 MB/s still shows its digits.
+    const std::string recorded =
+        Run("record --track " + t + " --synthetic --duration 1s --server " + address_).out;
+    EXPECT_TRUE(std::regex_search(recorded, std::regex(R"(\(\d+\.\d\d MB/s\))"))) << recorded;
     Ok("track clear " + t);
     const json cleared = Ok("track info " + t)["tracks"][0];
     EXPECT_EQ(cleared["current_size"], 0);
@@ -191,6 +196,14 @@ TEST_F(LoopstoreCommandTest, EveryServerCommandAnswersInJson) {
 
 TEST_F(LoopstoreCommandTest, BadInputAndMissingServerExitNonZeroWithAReason) {
     StartServer();
+    // A track takes whole pool files (1 MiB here): the answer says so.
+    const json created = Ok("track create --size 100");
+    EXPECT_EQ(created["size"], 1 << 20);
+    EXPECT_EQ(created["requested_size"], 100);
+    const std::string t = std::to_string(created["id"].get<int64_t>());
+    EXPECT_NE(Run("track create --size 100 --server " + address_).out.find("of 1048576 B"),
+              std::string::npos);
+    Ok("props set " + t + " camera=north");
     const struct {
         std::string args;
         std::string message;
@@ -203,6 +216,8 @@ TEST_F(LoopstoreCommandTest, BadInputAndMissingServerExitNonZeroWithAReason) {
         {"track create --size 12Q", "bad size '12Q'"},
         {"record --track 1 --synthetic --chunk-duration 0s", "bad duration '0s'"},
         {"props set 1 novalue", "bad property 'novalue'"},
+        {"unprotect 999", "unknown protection 999"},
+        {"props rm " + t + " nosuchkey", "has none of the properties 'nosuchkey'"},
     };
     for (const auto& c : cases) {
         const Result r = Run(c.args + " --server " + address_);
@@ -214,6 +229,45 @@ TEST_F(LoopstoreCommandTest, BadInputAndMissingServerExitNonZeroWithAReason) {
     EXPECT_NE(down.err.find("cannot reach the loopstore server at 127.0.0.1:1"), std::string::npos)
         << down.err;
     EXPECT_NE(Run("track frobnicate").status, 0);
+
+    // Scripts get errors, usage errors included, as JSON on stderr.
+    const Result unknown = Call("unprotect 999");
+    EXPECT_EQ(unknown.status, 1);
+    EXPECT_TRUE(unknown.out.empty());
+    EXPECT_EQ(json::parse(unknown.err),
+              json({{"error", "unknown protection 999"}, {"exit_code", 1}}));
+    const Result usage = Call("track list --frobnicate");
+    EXPECT_EQ(usage.status, 109);
+    EXPECT_EQ(json::parse(usage.err)["exit_code"], 109);
+    const Result missing = Call("track info");
+    EXPECT_EQ(missing.status, 106);
+    EXPECT_EQ(json::parse(missing.err)["exit_code"], 106);
+}
+
+TEST_F(LoopstoreCommandTest, AFullyProtectedTrackDoesNotBeginIn1970) {
+    StartServer();
+    const std::string t = std::to_string(Ok("track create --size 2M")["id"].get<int64_t>());
+    // Well under one pool file: a single file holds all the data.
+    Ok("record --track " + t +
+       " --synthetic --bitrate 1M --duration 1s --start 2030-01-01T00:00:00Z");
+    Ok("protect " + t + " --from 2030-01-01T00:00:00Z --to 2030-01-01T00:00:01Z");
+    const json info = Ok("track info " + t)["tracks"][0];
+    EXPECT_GT(info["current_size"], 0);
+    EXPECT_NE(info["beginning"], "1970-01-01T00:00:00.000000000Z");
+    const std::string list = Run("track list --server " + address_).out;
+    EXPECT_EQ(list.find("1970"), std::string::npos) << list;
+}
+
+TEST_F(LoopstoreCommandTest, VersionAndExitCodesAreInTheHelp) {
+    const Result version = Run("--version");
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out.rfind("loopstore ", 0), 0u) << version.out;
+    EXPECT_NE(version.out.find('.'), std::string::npos) << version.out;
+    const Result help = Run("--help");
+    EXPECT_EQ(help.status, 0);
+    for (const char* text : {"Exit codes:", "106 missing argument", "109 unknown argument",
+                             "{\"error\": \"<reason>\", \"exit_code\": N}"})
+        EXPECT_NE(help.out.find(text), std::string::npos) << text;
 }
 
 TEST_F(LoopstoreCommandTest, MpegTsFromStdinIsCutOnPacketsAndExportedInOrder) {

@@ -38,6 +38,9 @@ TEST(TimeParserTest, InstantsAbsoluteRelativeAndRaw) {
     EXPECT_EQ(TimeParser::ParseInstant("now", kNow), kNow);
     EXPECT_EQ(TimeParser::ParseInstant("-10m", kNow), kNow - TimePoint::FromSeconds(600));
     EXPECT_EQ(TimeParser::ParseInstant("+30s", kNow), kNow + TimePoint::FromSeconds(30));
+    EXPECT_EQ(TimeParser::ParseInstant("-1d", kNow), kNow - TimePoint::FromSeconds(86'400));
+    EXPECT_EQ(TimeParser::ParseInstant("-2w", kNow), kNow - TimePoint::FromSeconds(14 * 86'400));
+    EXPECT_EQ(TimeParser::ParseInstant("-1d12h", kNow), kNow - TimePoint::FromSeconds(129'600));
     EXPECT_EQ(TimeParser::ParseInstant("123ns", kNow), TimePoint::FromNanoseconds(123));
     EXPECT_EQ(TimeParser::ParseInstant("2027-01-15T08:00:00Z", kNow),
               TimePoint::FromString("2027-01-15T08:00:00Z"));
