@@ -97,14 +97,6 @@ int ReadBack(Storage& s, int from, int to) {
     return found;
 }
 
-long CreateTrack(Storage& s) {
-    Protocol::TrackParameters in, out;
-    in.set_id(1);
-    in.set_size(kTrackFiles * Storage::kFileSize);
-    s.Tracks().CreateTrack(in, out);
-    return out.id();
-}
-
 }  // namespace
 
 TEST(DiskFaults, WritesAndSyncsThatFailLoseNothingSavedAndTellTheClient) {
@@ -112,7 +104,7 @@ TEST(DiskFaults, WritesAndSyncsThatFailLoseNothingSavedAndTellTheClient) {
         for (uint64_t nth : {1, 2, 3, 5, 7, 9, 12, 15, 20, 25}) {
             SCOPED_TRACE(std::string(fault.name) + " from call " + std::to_string(nth));
             Storage s(kPoolFiles);
-            ASSERT_EQ(CreateTrack(s), 1);
+            ASSERT_EQ(s.CreateTrack(1, kTrackFiles), 1);
             ASSERT_EQ(Record(s, 0, kSavedChunks), "");
             s.Stop();
             {
@@ -160,7 +152,7 @@ TEST(DiskFaults, TrackAdministrationOnAFullDiskKeepsEveryFile) {
             s.Start();
             env.FailAt(FaultInjectionEnv::Op::kWrite, nth, ENOSPC, true);
             const std::function<void()> steps[] = {
-                [&] { CreateTrack(s); },
+                [&] { s.CreateTrack(1, kTrackFiles); },
                 [&] {
                     Protocol::TrackParameters grow, answer;
                     grow.set_id(1);
@@ -187,7 +179,7 @@ TEST(DiskFaults, TrackAdministrationOnAFullDiskKeepsEveryFile) {
         Protocol::TrackParameters answer;
         if (!s.Factory().GetManagers().GetTrackIds().empty())
             s.Tracks().DeleteTrack(1, answer);
-        EXPECT_EQ(CreateTrack(s), 1);
+        EXPECT_EQ(s.CreateTrack(1, kTrackFiles), 1);
         EXPECT_EQ(Record(s, 0, 5), "");
         ExpectFilesConserved(s);
     }

@@ -34,14 +34,6 @@ uint64_t Stride(uint64_t effects, uint64_t most) {
     return effects <= most ? 1 : (effects + most - 1) / most;
 }
 
-long CreateTrack(Storage& s, long id, long files) {
-    Protocol::TrackParameters in, out;
-    in.set_id(id);
-    in.set_size(files * Storage::kFileSize);
-    s.Tracks().CreateTrack(in, out);
-    return out.id();
-}
-
 // Effects an operation makes when it runs to its end, counted in a child.
 template <typename Body>
 uint64_t CountEffects(PowerCutHarness& harness, Body body) {
@@ -95,7 +87,7 @@ TEST(Durability, AFirstStartCutAnywhereComesBackWithTheWholePool) {
 // known to its track.
 TEST(Durability, MovesBetweenPoolAndTracksSurviveACutAtEveryStep) {
     auto operations = [](Storage& s) {
-        CreateTrack(s, 1, 2);
+        s.CreateTrack(1, 2);
         Protocol::TrackParameters grow, answer;
         grow.set_id(1);
         grow.set_size(2 * Storage::kFileSize);
@@ -131,7 +123,7 @@ TEST(Durability, MovesBetweenPoolAndTracksSurviveACutAtEveryStep) {
             Protocol::TrackParameters answer;
             if (!s.Factory().GetManagers().GetTrackIds().empty())
                 s.Tracks().DeleteTrack(1, answer);
-            EXPECT_EQ(CreateTrack(s, 2, kPoolFiles), 2);
+            EXPECT_EQ(s.CreateTrack(2, kPoolFiles), 2);
             ExpectFilesConserved(s);
         }
     }
@@ -141,7 +133,7 @@ TEST(Durability, MovesBetweenPoolAndTracksSurviveACutAtEveryStep) {
 // the listing keeps it.
 TEST(Durability, ListedChunksSurviveACut) {
     Storage s(kPoolFiles);
-    ASSERT_EQ(CreateTrack(s, 1, 3), 1);
+    ASSERT_EQ(s.CreateTrack(1, 3), 1);
     s.Stop();
     PowerCutHarness harness(s.Dir().Path());
     constexpr size_t kChunkSize = 5000;
@@ -193,7 +185,7 @@ TEST(Durability, ASecondOpenerOfTheStoreFailsAtOnce) {
 // any others: a restart finds them.
 TEST(Durability, ChunksRecordedAfterAClearAreSavedByTheirWriter) {
     Storage s(kPoolFiles);
-    ASSERT_EQ(CreateTrack(s, 1, 3), 1);
+    ASSERT_EQ(s.CreateTrack(1, 3), 1);
     auto record = [&](int64_t from, int count) {
         std::unique_ptr<MoreldStorageApi::ITrackWriter> writer(s.Writers().Create(1));
         for (int i = 0; i < count; ++i)

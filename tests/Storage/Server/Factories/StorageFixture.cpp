@@ -42,6 +42,14 @@ Storage::~Storage() {
     Stop();
 }
 
+long Storage::CreateTrack(long id, long files) {
+    Protocol::TrackParameters in, out;
+    in.set_id(id);
+    in.set_size(files * kFileSize);
+    Tracks().CreateTrack(in, out);
+    return out.id();
+}
+
 void Storage::Start() {
     factory_ = std::make_unique<LoopRecordingFileFactory>(
         LoopRecordingFileFactory::FactoryParameters{TracksDir(), DbDir(), PoolDir()});

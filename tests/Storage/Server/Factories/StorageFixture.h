@@ -33,6 +33,8 @@ class Storage {
     MoreldStorageApi::ITrackStorage& Tracks() { return *service_->trackStorage; }
     MoreldStorageApi::ITrackWriterFactory& Writers() { return *service_->trackWriterFactory; }
     MoreldStorageApi::ITrackReaderFactory& Readers() { return *service_->trackReaderFactory; }
+    // Creates track `id` of `files` pool files; the id the store gave it.
+    long CreateTrack(long id, long files);
 
     std::string TracksDir() const { return dir_ / "tracks"; }
     std::string DbDir() const { return dir_ / "db"; }
