@@ -13,7 +13,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libgrpc++-dev protobuf-compiler-grpc
   libcli11-dev nlohmann-json3-dev
-  ffmpeg
+  ffmpeg libavformat-dev libavcodec-dev libavutil-dev
   clang libclang-rt-14-dev
 )
 
