@@ -4,9 +4,10 @@
 
 namespace loopstore::cli {
 
-// "loopstore record --track ID": sends a file, standard input or a synthetic
-// stream to a track, cut into chunks (MPEG-TS on packet boundaries, paced by
-// its clock).
+// "loopstore record --track ID": sends a file, standard input, a camera
+// (--url) or a synthetic stream to a track, cut into chunks (MPEG-TS on
+// packet boundaries or key frames), stamped by the wall clock for live input
+// or by the stream's clock, through server restarts.
 class RecordCommand {
   public:
     RecordCommand() = delete;

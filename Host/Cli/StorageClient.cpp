@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "Host/Cli/CliError.h"
+#include "Host/Cli/ServerUnavailable.h"
 #include "Host/Cli/TrackWriteStream.h"
 #include "Host/Rpc/WireConstants.h"
 #include "Platform/Plexa/Converter.h"
@@ -89,7 +90,7 @@ void StorageClient::Prepare(grpc::ClientContext& context, bool withDeadline) con
 void StorageClient::Fail(const grpc::Status& status, const std::string& what) const {
     switch (status.error_code()) {
         case grpc::StatusCode::UNAVAILABLE:
-            throw CliError(
+            throw ServerUnavailable(
                 "cannot reach the loopstore server at " + address_ +
                 " (is it running? start it with 'loopstore serve'): " + status.error_message());
         case grpc::StatusCode::UNAUTHENTICATED:
@@ -97,7 +98,11 @@ void StorageClient::Fail(const grpc::Status& status, const std::string& what) co
             throw CliError(what + ": access refused (give the server's token with --token-file): " +
                            status.error_message());
         case grpc::StatusCode::DEADLINE_EXCEEDED:
-            throw CliError(what + ": the server did not answer in time");
+            throw ServerUnavailable(what + ": the server did not answer in time");
+        case grpc::StatusCode::CANCELLED:
+            // A stopping server cancels the calls it is serving.
+            throw ServerUnavailable(what + ": the server ended the call (" +
+                                    status.error_message() + ")");
         default:
             throw CliError(what + ": " + status.error_message());
     }

@@ -19,8 +19,8 @@ class TrackWriteStream;
 // The command line's side of the loopstore protocol: one channel to a server
 // and a typed call per storage operation. Every call carries the bearer
 // token when one was given. A failed call throws CliError with the server's
-// text and what the command was doing; an unreachable server is reported as
-// such.
+// text and what the command was doing; an unreachable server, or one that
+// went away during the call, throws ServerUnavailable (worth trying again).
 //
 // Owns its channel and stubs. Calls may be made from any thread (gRPC stubs
 // are thread-safe).

@@ -1,6 +1,7 @@
 // Runs the built `loopstore` program against an in-process server on
 // loopback, as a user or a script would.
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
@@ -11,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -62,9 +64,10 @@ std::string TsPacket(int index, int64_t pcrNs) {
     return p;
 }
 
-// A loopback port that was free a moment ago.
-int FreePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+// A loopback port that was free a moment ago (TCP, or UDP for `type`
+// SOCK_DGRAM).
+int FreePort(int type = SOCK_STREAM) {
+    const int fd = ::socket(AF_INET, type, 0);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -84,12 +87,13 @@ class LoopstoreCommandTest : public ::testing::Test {
         ASSERT_EQ(Run("pool init " + data_ + "/pool --files 16 --size 1M").status, 0);
     }
 
-    void StartServer() {
+    // On a free port, or again on `listen` (a restart).
+    void StartServer(const std::string& listen = "127.0.0.1:0") {
         host::ServerOptions options;
         options.tracksDir = data_ + "/tracks";
         options.dbDir = data_ + "/db";
         options.poolDir = data_ + "/pool";
-        options.listenAddress = "127.0.0.1:0";
+        options.listenAddress = listen;
         server_ = std::make_unique<host::LoopstoreServer>(options);
         server_->Start();
         address_ = "127.0.0.1:" + std::to_string(server_->Port());
@@ -98,10 +102,13 @@ class LoopstoreCommandTest : public ::testing::Test {
 
     // Runs `loopstore <args>`; stdin from `input` when given.
     Result Run(const std::string& args, const std::string& input = "") {
+        return Piped("", args + (input.empty() ? "" : " < " + input));
+    }
+    // Runs `<producer> | loopstore <args>`, or `loopstore <args>` alone.
+    Result Piped(const std::string& producer, const std::string& args) {
         const std::string errFile = dir_ / "stderr";
-        std::string command = std::string(LOOPSTORE_BINARY) + " " + args + " 2>" + errFile;
-        if (!input.empty())
-            command += " < " + input;
+        const std::string command = (producer.empty() ? "" : producer + " | ") +
+                                    std::string(LOOPSTORE_BINARY) + " " + args + " 2>" + errFile;
         Result r;
         FILE* pipe = ::popen(command.c_str(), "r");
         char buffer[4096];
@@ -422,17 +429,28 @@ TEST_F(LoopstoreCommandTest, ExportSkipsDamagedRecordsAndRecordCountsDroppedByte
 
 // serve on the default layout: makes its pool on first use, answers, and
 // stops cleanly on SIGTERM.
-// Starts `loopstore <args>` as its own process.
-pid_t Spawn(std::vector<std::string> args) {
-    args.insert(args.begin(), LOOPSTORE_BINARY);
+// Starts `loopstore <args>` (or another program, found in the PATH, when
+// `program` is given) as its own process; stdout and stderr go to the files
+// given, else where the test's go.
+pid_t Spawn(std::vector<std::string> args, const std::string& out = "", const std::string& err = "",
+            const std::string& program = "") {
+    args.insert(args.begin(), program.empty() ? LOOPSTORE_BINARY : program);
     std::vector<char*> argv;
     for (std::string& a : args)
         argv.push_back(a.data());
     argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    if (!out.empty())
+        ::posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                           0644);
+    if (!err.empty())
+        ::posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                           0644);
     pid_t pid = 0;
-    if (::posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
-        return -1;
-    return pid;
+    const int failed = ::posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    ::posix_spawn_file_actions_destroy(&actions);
+    return failed != 0 ? -1 : pid;
 }
 
 // Ends a process with `signal` and returns its raw wait status.
@@ -573,6 +591,172 @@ TEST_F(LoopstoreCommandTest, FfmpegStreamRecordsAndExportsPlayably) {
     const size_t at = text.find("duration=");
     ASSERT_NE(at, std::string::npos) << text;
     EXPECT_NEAR(std::stod(text.substr(at + 9)), 4.0, 0.2 + 0.2) << text;
+}
+
+// Live input through a pipe is stamped by the wall clock: never ahead of
+// now, even when it comes faster than real time. A track that a faster
+// recording left ending in the future is refused with the way out, which
+// works.
+TEST_F(LoopstoreCommandTest, LiveInputIsStampedByTheWallClock) {
+    using Moreld::Time::TimePoint;
+    StartServer();
+    const std::string t = std::to_string(Ok("track create --size 4M")["id"].get<int64_t>());
+    std::string stream;
+    for (int i = 0; i < 200; ++i)
+        stream += TsPacket(i, i * 10'000'000LL);
+    const std::string input = dir_ / "in.ts";
+    std::ofstream(input, std::ios::binary) << stream;
+    const std::string record = "record --track " + t + " --input - --json --server " + address_;
+    const TimePoint before = TimePoint::Now();
+    const Result live = Piped("cat " + input, record + " --chunk-duration 100ms");
+    const TimePoint after = TimePoint::Now();
+    ASSERT_EQ(live.status, 0) << live.err;
+    EXPECT_EQ(live.Json()["clock"], "wall");
+    EXPECT_EQ(live.Json()["chunks"], 20);
+    EXPECT_GE(TimePoint::FromString(live.Json()["from"]),
+              before - TimePoint::FromMilliseconds(100));
+    EXPECT_LE(TimePoint::FromString(live.Json()["to"]), after);
+    EXPECT_GT(live.Json()["shortened"], 0);
+
+    // Two seconds of stream clock stored from an hour ahead.
+    Ok("record --track " + t + " --synthetic --duration 2s --start +1h");
+    const std::string end = Ok("track info " + t)["tracks"][0]["end"];
+    const Result refused = Piped("cat " + input, record);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("track " + t + " ends at " + end), std::string::npos) << refused.err;
+    EXPECT_NE(refused.err.find("--clock stream"), std::string::npos) << refused.err;
+    const Result stream_clock = Piped("cat " + input, record + " --clock stream");
+    ASSERT_EQ(stream_clock.status, 0) << stream_clock.err;
+    EXPECT_EQ(stream_clock.Json()["from"], end);
+    EXPECT_EQ(stream_clock.Json()["clock"], "stream");
+}
+
+// Polls `done` every 100 ms for up to `seconds`: for another process to get
+// somewhere.
+template <typename Done>
+bool WaitFor(Done done, int seconds) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (std::chrono::steady_clock::now() < until) {
+        if (done())
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return done();
+}
+
+// A camera sending MPEG-TS over UDP, read with --url: the recording goes on
+// through a restart of the server (chunks are kept meanwhile and sent
+// after, so the track has no gap there) and through a restart of the camera
+// (reported as stalled; the pause is a gap in the track), and stops cleanly
+// on SIGINT.
+TEST_F(LoopstoreCommandTest, UrlRecordingSurvivesServerAndCameraRestarts) {
+    using Moreld::Time::TimePoint;
+    if (!HasProgram("ffmpeg"))
+        GTEST_SKIP() << "ffmpeg is not installed";
+    StartServer();
+    const std::string listen = address_;
+    const std::string t = std::to_string(Ok("track create --size 8M")["id"].get<int64_t>());
+    const std::string url = "udp://127.0.0.1:" + std::to_string(FreePort(SOCK_DGRAM));
+    const std::vector<std::string> cameraArgs = {"-loglevel",
+                                                 "error",
+                                                 "-re",
+                                                 "-f",
+                                                 "lavfi",
+                                                 "-i",
+                                                 "testsrc=size=160x120:rate=25",
+                                                 "-c:v",
+                                                 "libx264",
+                                                 "-tune",
+                                                 "zerolatency",
+                                                 "-g",
+                                                 "10",
+                                                 "-f",
+                                                 "mpegts",
+                                                 url + "?pkt_size=1316"};
+    pid_t camera = Spawn(cameraArgs, "/dev/null", "/dev/null", "ffmpeg");
+    const std::string notes = dir_ / "record.err";
+    pid_t recorder = Spawn({"record", "--track", t, "--url", url, "--chunk-duration", "200ms",
+                            "--stall-timeout", "1s", "--json", "--server", address_},
+                           dir_ / "record.out", notes);
+    struct Reaper {
+        pid_t& a;
+        pid_t& b;
+        ~Reaper() {
+            for (pid_t pid : {a, b})
+                if (pid > 0)
+                    Reap(pid, SIGKILL);
+        }
+    } reaper{camera, recorder};
+    ASSERT_GT(camera, 0);
+    ASSERT_GT(recorder, 0);
+    auto noted = [&](const std::string& text) {
+        return ReadFile(notes).find(text) != std::string::npos;
+    };
+    auto endOfTrack = [&] {
+        auto storage = rpc::TrackStorage::NewStub(
+            grpc::CreateChannel(address_, grpc::InsecureChannelCredentials()));
+        grpc::ClientContext context;
+        rpc::TrackId track;
+        track.set_id(std::stoll(t));
+        Protocol::TimePoint end;
+        end.set_nanoseconds(-1);
+        static_cast<void>(storage->GetEndOfTrack(&context, track, &end));
+        return TimePoint::FromNanoseconds(end.nanoseconds());
+    };
+    ASSERT_TRUE(WaitFor([&] { return endOfTrack() > TimePoint(); }, 30)) << ReadFile(notes);
+
+    // The server stops until the recorder has noticed.
+    StopServer();
+    const TimePoint serverDown = TimePoint::Now();
+    ASSERT_TRUE(WaitFor([&] { return noted("lost the server"); }, 30)) << ReadFile(notes);
+    StartServer(listen);
+    const TimePoint serverUp = TimePoint::Now();
+    ASSERT_TRUE(WaitFor([&] { return noted("is back after"); }, 30)) << ReadFile(notes);
+
+    // The camera dies and comes back after the recorder has noticed.
+    ASSERT_TRUE(WaitFor([&] { return endOfTrack() > serverUp; }, 30)) << ReadFile(notes);
+    Reap(camera, SIGKILL);
+    const TimePoint cameraDown = TimePoint::Now();
+    ASSERT_TRUE(WaitFor([&] { return noted("stream stalled"); }, 30)) << ReadFile(notes);
+    camera = Spawn(cameraArgs, "/dev/null", "/dev/null", "ffmpeg");
+    const TimePoint cameraUp = TimePoint::Now();
+    ASSERT_TRUE(WaitFor([&] { return endOfTrack() > cameraUp; }, 30)) << ReadFile(notes);
+
+    const int stopped = Reap(recorder, SIGINT);
+    recorder = -1;
+    ASSERT_TRUE(WIFEXITED(stopped) && WEXITSTATUS(stopped) == 0) << stopped << ReadFile(notes);
+    const json summary = json::parse(ReadFile(dir_ / "record.out"));
+    EXPECT_GE(summary["reconnects"], 1);
+    EXPECT_EQ(summary["lost_chunks"], 0);
+    EXPECT_EQ(summary["stored"], summary["chunks"]);
+
+    // Gaps of more than a second (chunks last up to 0.4 s here) only while
+    // the camera was away, and one there.
+    auto stub = rpc::TrackReader::NewStub(
+        grpc::CreateChannel(address_, grpc::InsecureChannelCredentials()));
+    rpc::ExportRequest request;
+    request.set_track_id(std::stoll(t));
+    request.mutable_from()->set_nanoseconds(0);
+    request.mutable_to()->set_nanoseconds(TimePoint::Now().ToNanoseconds());
+    grpc::ClientContext context;
+    auto chunks = stub->Export(&context, request);
+    Protocol::Chunk chunk;
+    TimePoint previousEnd = TimePoint::FromNanoseconds(-1);
+    int cameraGaps = 0;
+    while (chunks->Read(&chunk)) {
+        const TimePoint at = TimePoint::FromNanoseconds(chunk.timepoint().nanoseconds());
+        EXPECT_GE(at, previousEnd);
+        if (previousEnd > TimePoint() && at - previousEnd > TimePoint::FromSeconds(1)) {
+            const bool whileCameraAway = previousEnd >= cameraDown - TimePoint::FromSeconds(2) &&
+                                         at <= cameraUp + TimePoint::FromSeconds(10);
+            EXPECT_TRUE(whileCameraAway) << "gap from " << previousEnd << " to " << at
+                                         << "; server away " << serverDown << " .. " << serverUp;
+            cameraGaps += whileCameraAway ? 1 : 0;
+        }
+        previousEnd = at + TimePoint::FromNanoseconds(chunk.duration().nanoseconds());
+    }
+    ASSERT_TRUE(chunks->Finish().ok());
+    EXPECT_EQ(cameraGaps, 1);
 }
 
 }  // namespace

@@ -1,0 +1,147 @@
+#include "Host/Cli/ChunkBuffer.h"
+
+#include <utility>
+
+#include "Platform/Plexa/Converter.h"
+
+namespace loopstore::cli {
+
+using Moreld::Plexa::Converter;
+
+namespace {
+
+ChunkBuffer::TimePoint Start(const Protocol::Chunk& chunk) {
+    return Converter::From(chunk.timepoint());
+}
+
+ChunkBuffer::TimePoint End(const Protocol::Chunk& chunk) {
+    return Start(chunk) + Converter::From(chunk.duration());
+}
+
+void Count(ChunkBuffer::Dropped& dropped, const Protocol::Chunk& chunk) {
+    if (dropped.chunks == 0)
+        dropped.from = Start(chunk);
+    dropped.to = End(chunk);
+    ++dropped.chunks;
+    dropped.bytes += chunk.data().size();
+}
+
+}  // namespace
+
+ChunkBuffer::ChunkBuffer(uint64_t maxBytes) : maxBytes_(maxBytes) {}
+
+bool ChunkBuffer::Push(Protocol::Chunk chunk) {
+    auto shared = std::make_shared<const Protocol::Chunk>(std::move(chunk));
+    {
+        std::lock_guard lock(mutex_);
+        if (failed_)
+            return false;
+        bytes_ += shared->data().size();
+        chunks_.push_back(std::move(shared));
+        // The newest chunk stays even when it alone is over the limit.
+        while (bytes_ > maxBytes_ && chunks_.size() > 1)
+            DropOldest();
+    }
+    changed_.notify_all();
+    return true;
+}
+
+void ChunkBuffer::DropOldest() {
+    const ChunkPtr& oldest = chunks_.front();
+    if (sent_ > 0)
+        --sent_;
+    else {
+        Count(recent_, *oldest);
+        Count(total_, *oldest);
+    }
+    bytes_ -= oldest->data().size();
+    chunks_.pop_front();
+}
+
+void ChunkBuffer::Close(std::chrono::steady_clock::time_point drainBy) {
+    {
+        std::lock_guard lock(mutex_);
+        drainBy_ = drainBy;
+    }
+    changed_.notify_all();
+}
+
+void ChunkBuffer::Fail() {
+    std::lock_guard lock(mutex_);
+    failed_ = true;
+}
+
+bool ChunkBuffer::DrainOver() const {
+    return drainBy_ && std::chrono::steady_clock::now() >= *drainBy_;
+}
+
+ChunkBuffer::ChunkPtr ChunkBuffer::NextToSend() {
+    std::unique_lock lock(mutex_);
+    while (sent_ == chunks_.size()) {
+        if (drainBy_)
+            return nullptr;
+        changed_.wait(lock);
+    }
+    return DrainOver() ? nullptr : chunks_[sent_];
+}
+
+void ChunkBuffer::MarkSent(const ChunkPtr& chunk) {
+    std::lock_guard lock(mutex_);
+    // The chunk may have been dropped meanwhile; then it is not the next one.
+    if (sent_ < chunks_.size() && chunks_[sent_] == chunk)
+        ++sent_;
+}
+
+void ChunkBuffer::Confirm(TimePoint storedEnd, bool resend) {
+    std::lock_guard lock(mutex_);
+    while (!chunks_.empty() && Start(*chunks_.front()) < storedEnd) {
+        if (sent_ == 0 && !resend)
+            break;  // never sent on this stream: it cannot be stored
+        bytes_ -= chunks_.front()->data().size();
+        chunks_.pop_front();
+        sent_ = sent_ > 0 ? sent_ - 1 : 0;
+        ++confirmed_;
+    }
+    if (resend)
+        sent_ = 0;
+}
+
+void ChunkBuffer::ConfirmAllSent() {
+    std::lock_guard lock(mutex_);
+    for (; sent_ > 0; --sent_) {
+        bytes_ -= chunks_.front()->data().size();
+        chunks_.pop_front();
+        ++confirmed_;
+    }
+}
+
+bool ChunkBuffer::Wait(std::chrono::milliseconds delay) {
+    std::unique_lock lock(mutex_);
+    auto until = std::chrono::steady_clock::now() + delay;
+    if (drainBy_ && *drainBy_ < until)
+        until = *drainBy_;
+    changed_.wait_until(lock, until, [&] { return DrainOver(); });
+    return !DrainOver();
+}
+
+uint64_t ChunkBuffer::Confirmed() const {
+    std::lock_guard lock(mutex_);
+    return confirmed_;
+}
+
+uint64_t ChunkBuffer::Unsent() const {
+    std::lock_guard lock(mutex_);
+    return chunks_.size() - sent_;
+}
+
+ChunkBuffer::Dropped ChunkBuffer::TakeDropped() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(recent_, Dropped());
+}
+
+ChunkBuffer::Dropped ChunkBuffer::TotalDropped() const {
+    std::lock_guard lock(mutex_);
+    return total_;
+}
+
+}  // namespace loopstore::cli
