@@ -158,6 +158,16 @@ void LoopstoreServer::OpenStorage() {
         factory_->Construct({"loopstore", "loopstore server", options_.cacheMemoryBytes}));
 }
 
+// Each client stream's chunks wait in the server up to its window: a fixed
+// window keeps that bounded, where window growth let 16 loopback streams
+// hold hundreds of megabytes.
+void LoopstoreServer::BoundReceiveBuffering(grpc::ServerBuilder& builder) const {
+    if (options_.streamWindowBytes <= 0)
+        return;
+    builder.AddChannelArgument(GRPC_ARG_HTTP2_BDP_PROBE, 0);
+    builder.AddChannelArgument(GRPC_ARG_HTTP2_STREAM_LOOKAHEAD_BYTES, options_.streamWindowBytes);
+}
+
 void LoopstoreServer::Listen(const std::string& token) {
     guard_ = std::make_unique<CallGuard>(token);
     peers_ =
@@ -173,6 +183,7 @@ void LoopstoreServer::Listen(const std::string& token) {
     builder.AddListeningPort(options_.listenAddress, grpc::InsecureServerCredentials(), &port_);
     builder.SetMaxReceiveMessageSize(rpc::kMaxMessageBytes);
     builder.SetMaxSendMessageSize(rpc::kMaxMessageBytes);
+    BoundReceiveBuffering(builder);
     builder.RegisterService(trackStorageRpc_.get());
     builder.RegisterService(trackWriterRpc_.get());
     builder.RegisterService(trackReaderRpc_.get());

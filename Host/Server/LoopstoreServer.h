@@ -1,6 +1,7 @@
 #pragma once
 
 #include <grpcpp/server.h>
+#include <grpcpp/server_builder.h>
 
 #include <memory>
 #include <mutex>
@@ -51,6 +52,8 @@ class LoopstoreServer {
   private:
     void OpenStorage();
     void Listen(const std::string& token);
+    // Fixes each stream's receive window (streamWindowBytes).
+    void BoundReceiveBuffering(grpc::ServerBuilder& builder) const;
     void Release();
     // The shared chunk cache's use, at level 30.
     void LogCacheUsage();

@@ -24,6 +24,12 @@ struct ServerOptions {
     // bound (50000000 bytes per writer).
     unsigned long cacheMemoryBytes = kDefaultCacheMemoryBytes;
     static constexpr unsigned long kDefaultCacheMemoryBytes = 256ul << 20;
+    // The bytes a write stream may have in flight towards the server beyond
+    // the message being received (a larger message still gets through: the
+    // window widens to it). 0 lets gRPC grow each stream's window to what it
+    // measures the link can carry, megabytes per stream on loopback.
+    int streamWindowBytes = kDefaultStreamWindowBytes;
+    static constexpr int kDefaultStreamWindowBytes = 1 << 20;
 };
 
 // Configures logging, starts the server and blocks until SIGTERM or SIGINT

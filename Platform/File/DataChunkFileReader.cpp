@@ -109,6 +109,10 @@ uint64_t DataChunkFileReader::Revalidate(uint64_t offset, uint64_t keptGeneratio
 ChunkRecordHeader DataChunkFileReader::ReadHeader(uint64_t offset, uint64_t guessedSize,
                                                   char (&raw)[ChunkRecordHeader::kSize],
                                                   std::string& payload, bool& bodyRead) {
+    // A fresh reader reads the file header first: the record is fetched
+    // meanwhile, so a cold lookup waits for one disk read, not two.
+    if (!header_.IsValid() && guessedSize > 0)
+        file_->WillNeed(offset, guessedSize);
     uint64_t generation = FileGeneration(offset);
     if (offset > fileSize_ || fileSize_ - offset < sizeof(raw)) {
         Fail(offset,

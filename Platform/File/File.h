@@ -32,6 +32,11 @@ class File {
     // entries are advanced past what was read).
     virtual size_t ReadAtV(struct iovec* iov, int count, uint64_t offset) const = 0;
 
+    // Tells the system that `size` bytes at `offset` will be read soon, so
+    // that it can start reading them while the caller reads elsewhere. A
+    // hint: does nothing by default, and never fails.
+    virtual void WillNeed(uint64_t /*offset*/, uint64_t /*size*/) const {}
+
     // Writes all of `size` bytes at `offset`. On failure some of them may
     // have been written.
     virtual void WriteAt(const void* buffer, size_t size, uint64_t offset) = 0;

@@ -56,6 +56,12 @@ size_t PosixFile::ReadAt(void* buffer, size_t size, uint64_t offset) const {
     return ReadAtV(&iov, 1, offset);
 }
 
+void PosixFile::WillNeed(uint64_t offset, uint64_t size) const {
+    // Only a hint: a failure costs the overlap, nothing else.
+    static_cast<void>(::posix_fadvise(fd_, static_cast<off_t>(offset), static_cast<off_t>(size),
+                                      POSIX_FADV_WILLNEED));
+}
+
 size_t PosixFile::ReadAtV(struct iovec* iov, int count, uint64_t offset) const {
     size_t total = 0;
     while (count > 0) {

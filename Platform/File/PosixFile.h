@@ -26,6 +26,7 @@ class PosixFile final : public File {
     uint64_t Size() const override;  // fstat
     size_t ReadAt(void* buffer, size_t size, uint64_t offset) const override;
     size_t ReadAtV(struct iovec* iov, int count, uint64_t offset) const override;
+    void WillNeed(uint64_t offset, uint64_t size) const override;  // posix_fadvise(2)
     void WriteAt(const void* buffer, size_t size, uint64_t offset) override;
     void WriteAtV(struct iovec* iov, int count, uint64_t offset) override;
     void DataSync() override;  // fdatasync(2)

@@ -10,6 +10,7 @@ ThreadedChunkCache* ChunkCacheManager::GetChunkCache(long trackId) {
     if (!cache) {
         cache = std::make_unique<ThreadedChunkCache>();
         cache->SetBudget(&budget_);
+        cache->SetPayloadPool(payloadPool_);
     }
     return cache.get();
 }

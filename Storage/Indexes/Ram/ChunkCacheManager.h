@@ -14,6 +14,7 @@
 // Caches are keyed by the low 32 bits of the track id, so two tracks whose ids
 // agree there share one cache. Every cache charges its chunks to the one
 // CacheBudget the manager owns; its limit is 0 (none) until the host sets it.
+// Their chunks' payload buffers go round through one PayloadPool.
 //
 // Thread safety: GetChunkCache is safe from any thread (one mutex guards the
 // map). The caches themselves follow ThreadedChunkCache's contract.
@@ -30,11 +31,14 @@ class ChunkCacheManager {
     ThreadedChunkCache* GetChunkCache(long trackId);
     // Shared by every cache; lives as long as the manager.
     CacheBudget& GetBudget() { return budget_; }
+    // Shared by every cache; outlives the last chunk made from it.
+    PayloadPool& GetPayloadPool() { return *payloadPool_; }
 
   private:
     // Declared first: destroyed after the caches, which give it back their
     // bytes.
     CacheBudget budget_;
+    const std::shared_ptr<PayloadPool> payloadPool_ = std::make_shared<PayloadPool>();
     std::map<int32_t, std::unique_ptr<ThreadedChunkCache>> caches_;  // guarded by mutex_
     std::mutex mutex_;
 };

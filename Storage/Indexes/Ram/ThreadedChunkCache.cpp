@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <mutex>
 #include <shared_mutex>
+#include <utility>
 
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Tools/SyncPoint.h"
@@ -23,6 +24,16 @@ ThreadedChunkCache::~ThreadedChunkCache() {
 
 void ThreadedChunkCache::SetChunkFlusher(IChunkFlusher* flusher) {
     flusher_ = flusher;
+}
+
+void ThreadedChunkCache::SetPayloadPool(std::shared_ptr<PayloadPool> pool) {
+    payloadPool_ = std::move(pool);
+}
+
+ThreadedChunkCache::DataChunkPtr ThreadedChunkCache::MakeChunk() const {
+    if (payloadPool_)
+        return payloadPool_->MakeChunk();
+    return std::make_shared<Moreld::Plexa::DataChunk>();
 }
 
 void ThreadedChunkCache::SetTrackId(long trackId) {

@@ -14,6 +14,7 @@
 #include "Storage/Indexes/Ram/CacheBudget.h"
 #include "Storage/Indexes/Ram/ChunkCache.h"
 #include "Storage/Indexes/Ram/IChunkFlusher.h"
+#include "Storage/Indexes/Ram/PayloadPool.h"
 
 // One track's ChunkCache made usable from several threads, with the flusher
 // thread that hands every inserted chunk, in time order, to an IChunkFlusher
@@ -61,6 +62,12 @@ class ThreadedChunkCache : public CacheBudget::Member {
     // `bytes`, or the budget's limit when that is smaller: a bound no single
     // cache needs to exceed.
     unsigned long BoundWithinBudget(unsigned long bytes) const;
+    // Shares `pool` with the other caches. Call before the first MakeChunk.
+    void SetPayloadPool(std::shared_ptr<PayloadPool> pool);
+    // An empty chunk for the writer to fill: its payload buffer comes from
+    // the pool and returns there when the chunk dies; a plain chunk when no
+    // pool is set.
+    DataChunkPtr MakeChunk() const;
 
     // Starts the flusher thread, first stopping a previous one.
     void Run();
@@ -109,7 +116,8 @@ class ThreadedChunkCache : public CacheBudget::Member {
 
     ChunkCache cache_;  // guarded by cacheMutex_
     std::atomic<IChunkFlusher*> flusher_{nullptr};
-    CacheBudget* budget_ = nullptr;  // not owned; set before the first insertion
+    CacheBudget* budget_ = nullptr;             // not owned; set before the first insertion
+    std::shared_ptr<PayloadPool> payloadPool_;  // set before the first MakeChunk
     mutable boost::shared_mutex cacheMutex_;
     std::set<TimePoint> pending_;  // guarded by cacheMutex_
     // Waited on, with cacheMutex_ held exclusively, by an insertion that found

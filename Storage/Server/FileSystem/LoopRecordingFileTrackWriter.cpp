@@ -220,8 +220,9 @@ void LoopRecordingFileTrackWriter::WaitUntilStored(long& stored) {
 
 void LoopRecordingFileTrackWriter::Append(const Protocol::Chunk& message) {
     Moreld::Tools::StdTimer total;
-    auto chunk = std::make_shared<Moreld::Plexa::DataChunk>();
-    // The host hands the message over: its payload is moved, never copied.
+    auto chunk = cache_.MakeChunk();
+    // The host hands the message over: its payload is moved, never copied,
+    // and the message gets a reused buffer for the host's next chunk.
     Moreld::Plexa::Converter::Swap(*chunk, const_cast<Protocol::Chunk&>(message));
     const TimePoint t = chunk->GetTimePoint();
     const TimePoint duration = chunk->GetDuration();

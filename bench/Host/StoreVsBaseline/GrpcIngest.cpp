@@ -13,6 +13,7 @@
 #include "Host/Rpc/WireConstants.h"
 #include "Host/Server/LoopstoreServer.h"
 #include "bench/Host/StoreVsBaseline/ChunkStream.h"
+#include "bench/Host/StoreVsBaseline/ProcessProbe.h"
 #include "bench/Host/StoreVsBaseline/TrackThreads.h"
 
 namespace loopstore::bench {
@@ -72,10 +73,12 @@ void WriteTrack(const std::shared_ptr<grpc::Channel>& channel, long id, ChunkStr
 
 }  // namespace
 
-GrpcIngest::GrpcIngest(std::string directory, Workload workload, unsigned long cacheMemoryBytes)
+GrpcIngest::GrpcIngest(std::string directory, Workload workload, unsigned long cacheMemoryBytes,
+                       int streamWindowBytes)
     : directory_(std::move(directory)),
       workload_(std::move(workload)),
-      cacheMemoryBytes_(cacheMemoryBytes) {}
+      cacheMemoryBytes_(cacheMemoryBytes),
+      streamWindowBytes_(streamWindowBytes) {}
 
 double GrpcIngest::Run() {
     const cli::DataLayout layout = cli::DataLayout::Under(directory_);
@@ -88,6 +91,7 @@ double GrpcIngest::Run() {
         options.poolDir = layout.pool;
         options.listenAddress = "127.0.0.1:0";
         options.cacheMemoryBytes = cacheMemoryBytes_;
+        options.streamWindowBytes = streamWindowBytes_;
         host::LoopstoreServer server(options);
         server.Start();
         std::vector<long> trackIds;
@@ -95,7 +99,9 @@ double GrpcIngest::Run() {
         for (int t = 0; t < workload_.tracks; ++t)
             trackIds.push_back(
                 CreateTrack(channel, Workload::kFilesPerTrack * workload_.FileSize()));
+        ProcessProbe::ResetPeakRss();
         seconds = WriteAll(server.Port(), trackIds);
+        peakRssBytes_ = ProcessProbe::PeakRssBytes();
     } catch (...) {
         std::filesystem::remove_all(directory_);
         throw;

@@ -17,12 +17,17 @@ namespace loopstore::bench {
 class GrpcIngest {
   public:
     // `cacheMemoryBytes` goes to the server as its writers' budget.
-    GrpcIngest(std::string directory, Workload workload, unsigned long cacheMemoryBytes);
+    // `streamWindowBytes` too, as its per-stream receive window.
+    GrpcIngest(std::string directory, Workload workload, unsigned long cacheMemoryBytes,
+               int streamWindowBytes);
 
     // Chunk payload MB (10^6 B) per second from the first chunk sent to the
     // last stream closed (its writer drained). Throws std::runtime_error
     // when the server refuses a track or a stream.
     double Run();
+    // The process's peak RSS while the chunks were sent (clients and server
+    // alike), after Run.
+    uint64_t PeakRssBytes() const { return peakRssBytes_; }
 
   private:
     // Seconds from the first chunk sent to the last stream closed.
@@ -31,6 +36,8 @@ class GrpcIngest {
     const std::string directory_;
     const Workload workload_;
     const unsigned long cacheMemoryBytes_;
+    const int streamWindowBytes_;
+    uint64_t peakRssBytes_ = 0;
 };
 
 }  // namespace loopstore::bench

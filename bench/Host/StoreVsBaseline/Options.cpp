@@ -3,9 +3,11 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdlib>
+#include <limits>
 
 #include "Host/Cli/CliError.h"
 #include "Host/Cli/SizeParser.h"
+#include "Host/Server/ServerMain.h"
 
 namespace loopstore::bench {
 
@@ -17,6 +19,13 @@ uint64_t SizeOption(const std::string& text, const char* name) {
     } catch (const cli::CliError& e) {
         throw CLI::ValidationError(name, e.what());
     }
+}
+
+int WindowOption(const std::string& text) {
+    const uint64_t bytes = SizeOption(text, "--grpc-window");
+    if (bytes > static_cast<uint64_t>(std::numeric_limits<int>::max()))
+        throw CLI::ValidationError("--grpc-window", "at most 2 GiB - 1");
+    return static_cast<int>(bytes);
 }
 
 }  // namespace
@@ -42,11 +51,15 @@ Options Options::Parse(int argc, char** argv) {
                  "Also run loopstore with the library's defaults (cache memory 0)");
     app.add_option("--lookups", options.lookups, "Random lookups per pass")
         ->check(CLI::PositiveNumber);
+    std::string grpcWindow = std::to_string(host::ServerOptions::kDefaultStreamWindowBytes);
+    app.add_option("--grpc-window", grpcWindow,
+                   "The gRPC server's receive window per stream (0: gRPC grows it)");
     bool noGrpc = false;
     app.add_flag("--no-grpc", noGrpc, "Skip the ingest through the gRPC server");
     try {
         app.parse(argc, argv);
         options.cacheMemoryBytes = SizeOption(cacheMemory, "--cache-memory");
+        options.grpcWindowBytes = WindowOption(grpcWindow);
         if (!bytes.empty())
             options.bytes = SizeOption(bytes, "--bytes");
     } catch (const CLI::ParseError& e) {

@@ -17,6 +17,8 @@ struct Options {
     uint64_t bytes = 0;  // written per workload; 0: the full size times scale
     std::string workloads = "AB";
     unsigned long cacheMemoryBytes = 256ul * 1024 * 1024;
+    // The gRPC server's receive window per stream; 0: gRPC grows it.
+    int grpcWindowBytes = 1 << 20;
     bool compareDefaults = false;
     uint64_t lookups = 2000;
     bool grpc = true;

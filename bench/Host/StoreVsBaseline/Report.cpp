@@ -91,7 +91,7 @@ void Report::Workload(const bench::Workload& workload, unsigned long cacheMemory
     std::fflush(out_);
 }
 
-void Report::Grpc(const bench::Workload& workload, double grpcMBps,
+void Report::Grpc(const bench::Workload& workload, double grpcMBps, uint64_t peakRssBytes,
                   const Figures& inProcess) const {
     const double ratio = RatioOf(grpcMBps, inProcess.ingestMBps);
     std::fprintf(out_,
@@ -103,6 +103,14 @@ void Report::Grpc(const bench::Workload& workload, double grpcMBps,
                  "RESULT workload=%s figure=grpc_ingest_mbps contender=grpc value=%.4g "
                  "baseline=%.4g ratio=%.4g\n",
                  workload.name.c_str(), grpcMBps, inProcess.ingestMBps, ratio);
+    const double peakMiB = static_cast<double>(peakRssBytes) / (1 << 20);
+    const double inProcessMiB = static_cast<double>(inProcess.peakRssIngest) / (1 << 20);
+    std::fprintf(out_, "gRPC ingest peak RSS %.1f MiB, in-process %.1f MiB\n", peakMiB,
+                 inProcessMiB);
+    std::fprintf(out_,
+                 "RESULT workload=%s figure=grpc_peak_rss_mib contender=grpc value=%.4g "
+                 "baseline=%.4g ratio=%.4g\n",
+                 workload.name.c_str(), peakMiB, inProcessMiB, RatioOf(peakMiB, inProcessMiB));
     std::fflush(out_);
 }
 

@@ -22,8 +22,10 @@ class Report {
     // `figures` starts with the baseline's.
     void Workload(const bench::Workload& workload, unsigned long cacheMemoryBytes,
                   const std::vector<Figures>& figures) const;
-    // The gRPC ingest beside the in-process one of the same workload.
-    void Grpc(const bench::Workload& workload, double grpcMBps, const Figures& inProcess) const;
+    // The gRPC ingest beside the in-process one of the same workload: speed
+    // and peak RSS.
+    void Grpc(const bench::Workload& workload, double grpcMBps, uint64_t peakRssBytes,
+              const Figures& inProcess) const;
 
   private:
     void Header(const bench::Workload& workload, unsigned long cacheMemoryBytes,

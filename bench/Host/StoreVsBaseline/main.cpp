@@ -88,11 +88,12 @@ void RunAll(const Options& options, const fs::path& dir) {
         const std::vector<Figures> figures = RunWorkload(options, workload, dir, probe);
         report.Workload(workload, options.cacheMemoryBytes, figures);
         // The network adds its cost to the first workload's ingest.
-        if (options.grpc && workload.name == "A")
-            report.Grpc(
-                workload,
-                GrpcIngest((dir / "grpc").string(), workload, options.cacheMemoryBytes).Run(),
-                figures[1]);
+        if (options.grpc && workload.name == "A") {
+            GrpcIngest grpc((dir / "grpc").string(), workload, options.cacheMemoryBytes,
+                            options.grpcWindowBytes);
+            const double mbps = grpc.Run();
+            report.Grpc(workload, mbps, grpc.PeakRssBytes(), figures[1]);
+        }
     }
     std::printf("\nload average at the end %s\n", LoadAverage().c_str());
 }

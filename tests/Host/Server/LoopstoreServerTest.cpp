@@ -8,6 +8,7 @@
 #include <limits>
 #include <thread>
 
+#include "Host/Rpc/WireConstants.h"
 #include "Host/Server/ServerMain.h"
 #include "Platform/Logging/LogCapture.h"
 #include "Storage/Indexes/SQLite/TrackDB.h"
@@ -368,6 +369,9 @@ TEST(LoopstoreServerTest, WhatTheStoreCannotKeepIsRefusedAndWhatItKeepsIsCounted
         {ChunkAt(kSecond, last, 100), "ends outside the range of time points"},
         {ChunkAt(kSecond, kSecond, kFile), "cannot hold a chunk of size"},
         {heavy, "cannot hold a chunk of size"},
+        // The largest message gets through the server's bounded receive
+        // window to the store, which has no file to hold it.
+        {ChunkAt(kSecond, kSecond, rpc::kMaxMessageBytes - 1024), "cannot hold a chunk of size"},
     };
     for (const auto& [chunk, text] : refused) {
         rpc::WriteSummary summary;
