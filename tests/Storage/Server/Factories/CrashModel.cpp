@@ -57,6 +57,13 @@ void CrashModel::Apply(const std::string& line) {
             saved.erase(track);
             pending_.erase(track);
             break;
+        case 'E': {
+            int64_t cutoff = 0;
+            in >> track >> cutoff;
+            std::erase_if(saved[track], [cutoff](const auto& c) { return c.first < cutoff; });
+            std::erase_if(pending_[track], [cutoff](const auto& c) { return c.first < cutoff; });
+            break;
+        }
         case 'T':
             in >> track;
             tracks.insert(track);

@@ -18,6 +18,7 @@ namespace loopstore::test {
 //   A <track> <tp> <size>   chunk appended (not yet saved)
 //   K <track>               writer closed: every chunk appended is saved
 //   X <track>               about to clear, shrink or delete: nothing of it is required
+//   E <track> <cutoff>      about to set a max age: chunks before cutoff are not required
 //   T <track>               track created (acknowledged)
 //   D <track>               about to delete the track
 //   P <id> <track> <from> <to>   protection acknowledged
