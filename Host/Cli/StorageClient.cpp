@@ -76,7 +76,8 @@ StorageClient::StorageClient(const std::string& address, const std::string& toke
       channel_(OpenChannel(address)),
       storage_(rpc::TrackStorage::NewStub(channel_)),
       writer_(rpc::TrackWriter::NewStub(channel_)),
-      reader_(rpc::TrackReader::NewStub(channel_)) {}
+      reader_(rpc::TrackReader::NewStub(channel_)),
+      retention_(rpc::TrackRetention::NewStub(channel_)) {}
 
 StorageClient::~StorageClient() = default;
 
@@ -156,6 +157,17 @@ void StorageClient::ClearTrack(int64_t id) {
     request.set_id(id);
     rpc::Empty answer;
     LOOPSTORE_CALL(ClearTrack, request, answer, "clearing " + Track(id));
+}
+
+void StorageClient::SetTrackMaxAge(int64_t id, TimePoint maxAge) {
+    rpc::TrackMaxAge request;
+    request.set_track_id(id);
+    request.mutable_max_age()->set_nanoseconds(maxAge.ToNanoseconds());
+    rpc::Empty answer;
+    grpc::ClientContext context;
+    Prepare(context, true);
+    Check(retention_->SetTrackMaxAge(&context, request, &answer),
+          "setting the max age of " + Track(id));
 }
 
 std::vector<int64_t> StorageClient::ListTracks() {

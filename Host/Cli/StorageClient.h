@@ -50,6 +50,8 @@ class StorageClient {
     TimePoint GetEndOfTrack(int64_t id);
     TimePoint GetBeginningOfTrack(int64_t id);
     int64_t GetNumberOfChunks(int64_t id, TimePoint from, TimePoint to);
+    // 0 ns removes the track's limit.
+    void SetTrackMaxAge(int64_t id, TimePoint maxAge);
 
     int64_t Protect(int64_t id, TimePoint from, TimePoint duration);
     void Unprotect(int64_t protectionId);
@@ -90,6 +92,7 @@ class StorageClient {
     std::unique_ptr<rpc::TrackStorage::Stub> storage_;
     std::unique_ptr<rpc::TrackWriter::Stub> writer_;
     std::unique_ptr<rpc::TrackReader::Stub> reader_;
+    std::unique_ptr<rpc::TrackRetention::Stub> retention_;
 };
 
 }  // namespace loopstore::cli

@@ -7,8 +7,10 @@
 #include <vector>
 
 #include "Host/Cli/ClientOptions.h"
+#include "Host/Cli/MaxAgeText.h"
 #include "Host/Cli/Output.h"
 #include "Host/Cli/SizeParser.h"
+#include "Host/Cli/TrackSetCommand.h"
 #include "Platform/Plexa/Converter.h"
 
 namespace loopstore::cli {
@@ -29,12 +31,20 @@ Moreld::Time::TimePoint Instant(const Protocol::TrackInfo& info, const Protocol:
                : instant;
 }
 
+// The track's maximum age; null (JSON) or "off" when it has none.
+json MaxAgeJson(const Protocol::TrackInfo& info) {
+    const Moreld::Time::TimePoint maxAge = Converter::From(info.max_age());
+    return maxAge.ToNanoseconds() == 0 ? json() : json(MaxAgeText::Format(maxAge));
+}
+
 json InfoJson(const Protocol::TrackInfo& info) {
     return {{"id", info.id()},
             {"beginning", Output::TimeJson(Instant(info, info.beginning()))},
             {"end", Output::TimeJson(Instant(info, info.end()))},
             {"current_size", info.current_size()},
-            {"track_size", info.track_size()}};
+            {"track_size", info.track_size()},
+            {"max_age", MaxAgeJson(info)},
+            {"oldest", Output::TimeJson(Instant(info, info.oldest()))}};
 }
 
 std::string InfoText(const Protocol::TrackInfo& info) {
@@ -43,7 +53,9 @@ std::string InfoText(const Protocol::TrackInfo& info) {
          << "  beginning:    " << Output::Time(Instant(info, info.beginning())) << '\n'
          << "  end:          " << Output::Time(Instant(info, info.end())) << '\n'
          << "  data held:    " << Output::Bytes(info.current_size()) << '\n'
-         << "  track size:   " << Output::Bytes(info.track_size()) << '\n';
+         << "  track size:   " << Output::Bytes(info.track_size()) << '\n'
+         << "  max age:      " << MaxAgeText::Format(Converter::From(info.max_age())) << '\n'
+         << "  oldest kept:  " << Output::Time(Instant(info, info.oldest())) << '\n';
     return text.str();
 }
 
@@ -58,6 +70,7 @@ void TrackCommands::Register(CLI::App& app) {
     AddClear(*track);
     AddList(*track);
     AddInfo(*track);
+    TrackSetCommand::Register(*track);
 }
 
 void TrackCommands::AddCreate(CLI::App& track) {
@@ -168,7 +181,10 @@ void TrackCommands::AddList(CLI::App& track) {
             list.push_back(InfoJson(info));
             text << "track " << info.id() << ": " << Output::Bytes(info.track_size()) << ", "
                  << Output::Time(Instant(info, info.beginning())) << " .. "
-                 << Output::Time(Instant(info, info.end())) << '\n';
+                 << Output::Time(Instant(info, info.end()));
+            if (info.max_age().nanoseconds() != 0)
+                text << ", max age " << MaxAgeText::Format(Converter::From(info.max_age()));
+            text << '\n';
         }
         Output(c->client.json, std::cout).Print({{"tracks", list}}, text.str());
     });

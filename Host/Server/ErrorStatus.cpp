@@ -34,6 +34,7 @@ constexpr Rule kRules[] = {
     {"must be > timepoint IN", grpc::StatusCode::INVALID_ARGUMENT},
     {"is not valid UTF-8", grpc::StatusCode::INVALID_ARGUMENT},
     {" bytes, more than ", grpc::StatusCode::INVALID_ARGUMENT},
+    {"max age must not be negative", grpc::StatusCode::INVALID_ARGUMENT},
     {"You must call GrowTrack", grpc::StatusCode::FAILED_PRECONDITION},
     {"Nothing to protect on track", grpc::StatusCode::FAILED_PRECONDITION},
     {"no files were protected", grpc::StatusCode::FAILED_PRECONDITION},

@@ -175,6 +175,7 @@ void LoopstoreServer::Listen(const std::string& token) {
     trackStorageRpc_ = std::make_unique<TrackStorageRpc>(*storage_->trackStorage, *guard_);
     trackWriterRpc_ = std::make_unique<TrackWriterRpc>(*peers_, *guard_);
     trackReaderRpc_ = std::make_unique<TrackReaderRpc>(*peers_, *guard_);
+    trackRetentionRpc_ = std::make_unique<TrackRetentionRpc>(*storage_->trackRetention, *guard_);
 
     grpc::ServerBuilder builder;
     // gRPC shares a port by default: a second server on it would take half
@@ -187,6 +188,7 @@ void LoopstoreServer::Listen(const std::string& token) {
     builder.RegisterService(trackStorageRpc_.get());
     builder.RegisterService(trackWriterRpc_.get());
     builder.RegisterService(trackReaderRpc_.get());
+    builder.RegisterService(trackRetentionRpc_.get());
     server_ = builder.BuildAndStart();
     if (!server_ || port_ == 0) {
         server_.reset();
@@ -225,6 +227,7 @@ void LoopstoreServer::LogCacheUsage() {
 void LoopstoreServer::Release() {
     server_.reset();
     port_ = 0;
+    trackRetentionRpc_.reset();
     trackReaderRpc_.reset();
     trackWriterRpc_.reset();
     trackStorageRpc_.reset();

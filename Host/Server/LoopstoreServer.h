@@ -11,6 +11,7 @@
 #include "Host/Server/PeerServiceFactory.h"
 #include "Host/Server/ServerMain.h"
 #include "Host/Server/TrackReaderRpc.h"
+#include "Host/Server/TrackRetentionRpc.h"
 #include "Host/Server/TrackStorageRpc.h"
 #include "Host/Server/TrackWriterRpc.h"
 #include "Platform/Logging/Logger.h"
@@ -70,6 +71,7 @@ class LoopstoreServer {
     std::unique_ptr<TrackStorageRpc> trackStorageRpc_;
     std::unique_ptr<TrackWriterRpc> trackWriterRpc_;
     std::unique_ptr<TrackReaderRpc> trackReaderRpc_;
+    std::unique_ptr<TrackRetentionRpc> trackRetentionRpc_;
     std::unique_ptr<grpc::Server> server_;
     tav::mr::logging::Logger logger_;
 };

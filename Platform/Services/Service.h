@@ -5,6 +5,7 @@
 
 #include "Platform/Services/IService.h"
 #include "Platform/Services/ITrackReaderFactory.h"
+#include "Platform/Services/ITrackRetention.h"
 #include "Platform/Services/ITrackStorage.h"
 #include "Platform/Services/ITrackWriterFactory.h"
 
@@ -31,9 +32,16 @@ class Service : public Moreld::Services::IService {
         trackReaderFactory = std::move(object);
     }
 
+    // Optional: a storage without retention by age leaves it empty.
+    void SetTrackRetention(std::unique_ptr<ITrackRetention> object) {
+        trackRetention.reset();
+        trackRetention = std::move(object);
+    }
+
     std::unique_ptr<ITrackStorage> trackStorage;
     std::unique_ptr<ITrackWriterFactory> trackWriterFactory;
     std::unique_ptr<ITrackReaderFactory> trackReaderFactory;
+    std::unique_ptr<ITrackRetention> trackRetention;
 };
 
 }  // namespace MoreldStorageApi

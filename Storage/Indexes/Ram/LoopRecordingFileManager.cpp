@@ -5,6 +5,7 @@
 
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Tools/SyncPoint.h"
+#include "Storage/Indexes/Ram/TrackAgePurge.h"
 #include "Storage/Indexes/Ram/TrackIndexRecovery.h"
 
 using Moreld::Time::TimePoint;
@@ -687,6 +688,14 @@ void LoopRecordingFileManager::Clear() {
     }
 }
 
+void LoopRecordingFileManager::SetMaxAge(const TimePoint& maxAge) {
+    TrackAgePurge(*this).SetMaxAge(maxAge);
+}
+
+size_t LoopRecordingFileManager::PurgeOlderThan(const TimePoint& cutoff) {
+    return TrackAgePurge(*this).Run(cutoff);
+}
+
 // ---------------------------------------------------------------------------
 // Protections
 
@@ -819,6 +828,8 @@ void LoopRecordingFileManager::UnregisterProtectionObserver(IProtectionObserver*
 
 void LoopRecordingFileManager::OpenDatabase(const std::string& directory) {
     TrackIndexRecovery(*this).OpenDatabase(directory);
+    std::lock_guard<std::mutex> db(dbMutex_);
+    maxAge_ = trackDb_.GetMaxAge();
 }
 
 void LoopRecordingFileManager::HandlePowerFailure(const std::string& root) {

@@ -105,6 +105,17 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     void UnregisterProtectionObserver(IProtectionObserver* observer) override;
     void Clear() override;
 
+    // --- Retention by age ---
+    // Durably records the track's maximum age (0 ns: none); throws
+    // std::runtime_error for a negative age, the policy then unchanged.
+    void SetMaxAge(const TimePoint& maxAge);
+    // 0 ns when the track keeps content of any age.
+    TimePoint GetMaxAge() const { return maxAge_.load(); }
+    // Gives back, as Clear does, the files of the unprotected blocks whose
+    // whole content ends at or before `cutoff`, except the file being
+    // written. Returns the number of files given back.
+    size_t PurgeOlderThan(const TimePoint& cutoff);
+
     // --- Persistence ---
     void OpenDatabase(const std::string& directory);
     // Checks the newest blocks against the files under `root` and drops those
@@ -147,6 +158,7 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
 
   private:
     friend class TrackIndexRecovery;
+    friend class TrackAgePurge;
 
     // The file a new block goes to, and where it came from.
     struct FileChoice {
@@ -205,6 +217,7 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     std::atomic<TimePoint> beginningOfTrack_{TimePoint()};
     std::atomic<TimePoint> endOfTrack_{TimePoint()};
     std::atomic<TimePoint> accumulatedDuration_{TimePoint()};
+    std::atomic<TimePoint> maxAge_{TimePoint()};  // written under dbMutex_
 
     std::atomic<IChunkProtectionFactory*> chunkProtectionFactory_{nullptr};
     std::atomic<bool> durableRecycling_{true};

@@ -88,6 +88,7 @@ void TrackDB::CreateMissingTables() {
         {&chunksTable_, &TrackDB::CreateChunksTable},
         {&emptyFilesTable_, &TrackDB::CreateEmptyFilesTable},
         {&statusTable_, &TrackDB::CreateStatusTable},
+        {&retentionTable_, &TrackDB::CreateRetentionTable},
     };
     for (const auto& [name, create] : tables) {
         if (!db_.TableExist(*name)) {
@@ -123,6 +124,10 @@ void TrackDB::CreateStatusTable() {
     insert.Execute();
 }
 
+void TrackDB::CreateRetentionTable() {
+    db_.Execute("CREATE TABLE " + retentionTable_ + "(maxAge INTEGER)", false);
+}
+
 void TrackDB::PrepareStatements() {
     const std::string insertInto = "INSERT INTO ";
     const std::string values = " VALUES (";
@@ -149,6 +154,9 @@ void TrackDB::PrepareStatements() {
     updateActiveSql_ = update + statusTable_ + " SET active = (?)" + statusRow;
     selectChunksBetweenSql_ =
         selectAllFrom + chunksTable_ + where + "timepoint >= (?) AND timepoint <= (?)";
+    selectMaxAgeSql_ = "SELECT maxAge FROM " + retentionTable_;
+    deleteMaxAgeSql_ = deleteFrom + retentionTable_;
+    insertMaxAgeSql_ = insertInto + retentionTable_ + values + lastParam;
 }
 
 void TrackDB::Append(const FileSystem::Chunk& chunk) {
@@ -301,6 +309,27 @@ bool TrackDB::IsActive() {
     CachedRun select(db_, "TrackDB::IsActive", selectActiveSql_);
     select->Execute();
     return !select->IsDone() && select->GetIntegerValue(0) != 0;
+}
+
+void TrackDB::SetMaxAge(const TimePoint& maxAge) {
+    // One row at most: the old one goes in the same transaction.
+    Transaction transaction(db_, false);
+    {
+        CachedRun remove(db_, "TrackDB::SetMaxAge:delete", deleteMaxAgeSql_);
+        remove->Execute();
+    }
+    if (maxAge.ToNanoseconds() != 0) {
+        CachedRun insert(db_, "TrackDB::SetMaxAge:insert", insertMaxAgeSql_);
+        insert->SetIntegerParameter(0, maxAge.ToNanoseconds());
+        insert->Execute();
+    }
+    transaction.Commit(false);
+}
+
+TrackDB::TimePoint TrackDB::GetMaxAge() {
+    CachedRun select(db_, "TrackDB::GetMaxAge", selectMaxAgeSql_);
+    select->Execute();
+    return TimePoint::FromNanoseconds(select->IsDone() ? 0 : select->GetIntegerValue(0));
 }
 
 void TrackDB::Destroy() {

@@ -18,7 +18,9 @@
 //
 // Tables: "chunks" (one row per chunk, no key; a file's rows are found by
 // file number and directory number), "emptyFiles" (one row per empty file),
-// "status" (one row, ROWID 1). The "chunkIndex" column of "chunks" holds the
+// "status" (one row, ROWID 1), "retention" (at most one row: the track's
+// maximum age in nanoseconds; none when the track keeps content of any age;
+// created when missing, so older databases open). The "chunkIndex" column of "chunks" holds the
 // chunk's size in bytes, not its index: existing databases depend on it.
 //
 // Ownership: owns its connection and the statements cached on it.
@@ -96,6 +98,11 @@ class TrackDB {
     // False when the status row is missing.
     bool IsActive();
 
+    // Durably records the track's maximum age; 0 ns removes it.
+    void SetMaxAge(const TimePoint& maxAge);
+    // The recorded maximum age; 0 ns when there is none.
+    TimePoint GetMaxAge();
+
     // Closes the connection and removes the database file and its WAL side
     // files from disk. Throws boost::filesystem::filesystem_error when a file
     // cannot be removed.
@@ -108,6 +115,7 @@ class TrackDB {
     void CreateChunksTable();
     void CreateEmptyFilesTable();
     void CreateStatusTable();
+    void CreateRetentionTable();
     void PrepareStatements();
 
     Moreld::SQLite::Database db_;
@@ -117,6 +125,7 @@ class TrackDB {
     const std::string chunksTable_ = "chunks";
     const std::string emptyFilesTable_ = "emptyFiles";
     const std::string statusTable_ = "status";
+    const std::string retentionTable_ = "retention";
 
     std::string insertChunkSql_;
     std::string selectChunkAtSql_;
@@ -128,6 +137,9 @@ class TrackDB {
     std::string selectActiveSql_;
     std::string updateActiveSql_;
     std::string selectChunksBetweenSql_;
+    std::string selectMaxAgeSql_;
+    std::string deleteMaxAgeSql_;
+    std::string insertMaxAgeSql_;
 
     tav::mr::logging::Logger logger_;
 };

@@ -11,6 +11,7 @@
 #include "Storage/Server/Factories/StoreReconciliation.h"
 #include "Storage/Server/FileSystem/ChunkCacheFileTrackReaderFactory.h"
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriterFactory.h"
+#include "Storage/Server/FileSystem/LoopRecordingTrackRetention.h"
 #include "Storage/Server/FileSystem/LoopRecordingTrackStorage.h"
 
 LoopRecordingFileFactory::LoopRecordingFileFactory(const FactoryParameters& parameters)
@@ -43,9 +44,11 @@ LoopRecordingFileFactory::LoopRecordingFileFactory(const FactoryParameters& para
     trackStorage_->SetMonitoring(monitoring_.get());
     const unsigned long remaining = pool_->GetRemainingSpace();
     MR_LOG(logger_, 30, "Available size is " << remaining / 1000000 << "MB (" << remaining << "B)");
+    StartRetention(parameters);
 }
 
 LoopRecordingFileFactory::~LoopRecordingFileFactory() {
+    retentionThread_.reset();
     trackStorage_.reset();
     pool_.reset();
     chunkCacheManager_.reset();
@@ -54,6 +57,29 @@ LoopRecordingFileFactory::~LoopRecordingFileFactory() {
     directoryHandler_.reset();
     monitoring_.reset();
     lock_.reset();
+}
+
+void LoopRecordingFileFactory::StartRetention(const FactoryParameters& parameters) {
+    // After the repairs and the protections: a protected block never goes,
+    // and a store opens with nothing older than its tracks keep.
+    trackStorage_->SetRetentionClock(parameters.clock);
+    PurgeExpiredContent("at start-up");
+    retentionThread_ = std::make_unique<Moreld::Tools::PeriodicThread>(
+        parameters.retentionInterval, [this] { PurgeExpiredContent("periodically"); });
+}
+
+void LoopRecordingFileFactory::PurgeExpiredContent(const char* when) {
+    try {
+        const size_t files = trackStorage_->PurgeExpiredContent();
+        if (files != 0) {
+            MR_LOG(logger_, 30,
+                   "Retention " << when << ": " << files << " files of expired content given back");
+        }
+    } catch (const std::exception& e) {
+        // The next run tries again; the store stays as the failed purge left
+        // it, which is consistent (each track's purge is one transaction).
+        MR_LOG(logger_, 50, "Retention " << when << " failed: " << e.what());
+    }
 }
 
 void LoopRecordingFileFactory::LockStore() {
@@ -120,6 +146,7 @@ MoreldStorageApi::Service* LoopRecordingFileFactory::Construct(
         *managers_, *chunkCacheManager_, *directoryHandler_, *monitoring_, data.clientDescription));
     service->SetTrackReaderFactory(std::make_unique<ChunkCacheFileTrackReaderFactory>(
         *managers_, *chunkCacheManager_, *directoryHandler_, *monitoring_, data.clientDescription));
+    service->SetTrackRetention(std::make_unique<LoopRecordingTrackRetention>(*trackStorage_));
     return service.release();
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,6 +11,8 @@
 #include "Platform/Services/ExternalData.h"
 #include "Platform/Services/IServiceHandlerFactory.h"
 #include "Platform/Services/Service.h"
+#include "Platform/Time/TimePoint.h"
+#include "Platform/Tools/PeriodicThread.h"
 #include "Storage/Indexes/File/ChunkFile.h"
 #include "Storage/Indexes/File/DirectoryHandler.h"
 #include "Storage/Indexes/File/FilesPool.h"
@@ -30,6 +34,10 @@
 // factory or when its process dies), and fails at once when another holds
 // it.
 //
+// Retention by age: content that tracks' maximum ages no longer keep is given
+// back at the end of start-up, then by a background thread every
+// `retentionInterval`, stopped first at destruction.
+//
 // Owns everything it builds; the objects Construct returns refer to it, so
 // the factory must outlive them. Destruction runs in the reverse order of
 // construction. Construct is safe from any thread.
@@ -39,6 +47,10 @@ class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory
         std::string trackDirectory;  // root of the numbered track directories
         std::string dbDirectory;     // pool.db, protections.db, properties.db, <track>.db
         std::string poolDirectory;   // the preallocated free files
+        // Retention by age: "now" (empty: the wall clock) and how often
+        // expired content is looked for after the check at start-up.
+        std::function<Moreld::Time::TimePoint()> clock = {};
+        std::chrono::milliseconds retentionInterval = std::chrono::minutes(1);
     };
 
     // Builds everything; any failure leaves the constructor (what was built
@@ -70,6 +82,8 @@ class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory
 
   private:
     void LockStore();
+    void StartRetention(const FactoryParameters& parameters);
+    void PurgeExpiredContent(const char* when);
     void UseCacheBudget(unsigned long bytes);
     void OpenPool();
     // First start, or a restart after a first start that did not complete.
@@ -91,5 +105,6 @@ class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory
     std::unique_ptr<ChunkCacheManager> chunkCacheManager_;
     std::shared_ptr<FilesPool> pool_;
     std::unique_ptr<LoopRecordingCommonTrackStorage> trackStorage_;
+    std::unique_ptr<Moreld::Tools::PeriodicThread> retentionThread_;
     tav::mr::logging::Logger logger_;
 };

@@ -297,6 +297,10 @@ void LoopRecordingCommonTrackStorage::GetTrackInfos(const Protocol::Ids& ids,
         *info->mutable_end() = Converter::To(manager.GetEndOfTrack());
         info->set_current_size(manager.GetTrackSize());
         info->set_track_size(manager.GetMaxTrackSize());
+        *info->mutable_max_age() = Converter::To(manager.GetMaxAge());
+        TimePoint oldest = kNoTimePoint;
+        manager.GetFirstChunkLocation(oldest);
+        *info->mutable_oldest() = Converter::To(oldest);
     }
 }
 
@@ -474,4 +478,39 @@ void LoopRecordingCommonTrackStorage::GetTrackProperties(const long& track,
 void LoopRecordingCommonTrackStorage::RemoveAllProperties(long track) {
     std::lock_guard<std::mutex> lock(accessMutex_);
     properties_.RemoveAll(track);
+}
+
+// ---------------------------------------------------------------------------
+// Retention by age
+
+void LoopRecordingCommonTrackStorage::SetRetentionClock(TrackRetention::Clock clock) {
+    std::lock_guard<std::mutex> lock(accessMutex_);
+    retention_.SetClock(std::move(clock));
+}
+
+void LoopRecordingCommonTrackStorage::SetTrackMaxAge(const long& id, const TimePoint& maxAge) {
+    Monitoring& monitoring = RequireMonitoring("Monitoring not set, cannot call SetTrackMaxAge");
+    std::lock_guard<std::mutex> lock(accessMutex_);
+    // Deletion holds the track's mutex: the track cannot go meanwhile.
+    std::lock_guard<std::mutex> track(monitoring.GetMutex(id));
+    if (!managers_.Exists(id)) {
+        std::string msg = Concat("Track ", id, " does not exist to set its max age");
+        MR_LOG(logger_, 30, msg);
+        throw std::runtime_error(msg);
+    }
+    retention_.SetMaxAge(id, *managers_.GetManager(id), maxAge);
+}
+
+size_t LoopRecordingCommonTrackStorage::PurgeExpiredContent() {
+    Monitoring& monitoring =
+        RequireMonitoring("Monitoring not set, cannot call PurgeExpiredContent");
+    std::lock_guard<std::mutex> lock(accessMutex_);
+    const TimePoint now = retention_.Now();
+    size_t files = 0;
+    for (long id : managers_.GetTrackIds()) {
+        std::lock_guard<std::mutex> track(monitoring.GetMutex(id));
+        if (managers_.Exists(id))
+            files += retention_.Purge(id, *managers_.GetManager(id), now);
+    }
+    return files;
 }

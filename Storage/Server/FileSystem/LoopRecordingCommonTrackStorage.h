@@ -15,6 +15,7 @@
 #include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
 #include "Storage/Indexes/SQLite/ProtectionDB.h"
 #include "Storage/Server/FileSystem/TrackPropertiesCache.h"
+#include "Storage/Server/FileSystem/TrackRetention.h"
 #include "Storage/Server/Monitoring.h"
 
 // The core of the track storage service: creates, resizes, clears and
@@ -77,6 +78,17 @@ class LoopRecordingCommonTrackStorage {
     void GetTrackProperties(const long& track, Protocol::PropertyList& out);
     void RemoveAllProperties(long track);
 
+    // --- Retention by age ---
+    // Keeps the track's content no longer than `maxAge` (0 ns: no limit),
+    // recorded durably with the track; what is older goes at once. Throws
+    // std::runtime_error for an unknown track or a negative age.
+    void SetTrackMaxAge(const long& id, const TimePoint& maxAge);
+    // Gives back what every track's maximum age no longer keeps; returns
+    // the files given back. Run at start-up and periodically.
+    size_t PurgeExpiredContent();
+    // The clock of "now" for retention (the wall clock unless set).
+    void SetRetentionClock(TrackRetention::Clock clock);
+
     // --- Pools and monitoring ---
     void AddPool(std::shared_ptr<FilesPool> pool);
     void RemovePool(std::shared_ptr<FilesPool> pool);
@@ -102,6 +114,7 @@ class LoopRecordingCommonTrackStorage {
     std::set<std::shared_ptr<FilesPool>> pools_;
     ProtectionDB protectionDb_;        // guarded by accessMutex_
     TrackPropertiesCache properties_;  // guarded by accessMutex_
+    TrackRetention retention_;         // guarded by accessMutex_
     long lastProtectionId_ = 0;        // guarded by accessMutex_
     Monitoring* monitoring_ = nullptr;
     mutable std::mutex poolMutex_;

@@ -265,6 +265,41 @@ TEST_F(LoopstoreCommandTest, AFullyProtectedTrackDoesNotBeginIn1970) {
     EXPECT_EQ(list.find("1970"), std::string::npos) << list;
 }
 
+TEST_F(LoopstoreCommandTest, AMaxAgeOutlivesARestartAfterWhichOldContentIsGone) {
+    StartServer();
+    const std::string t = std::to_string(Ok("track create --size 4M")["id"].get<int64_t>());
+    EXPECT_EQ(Ok("track set " + t + " --max-age 72h")["max_age"], "3d");
+    // Four days old (50 chunks of 40 kB: a full 1 MiB file and most of a
+    // second), then recent (25 more, the first in that second file).
+    using Moreld::Time::TimePoint;
+    const TimePoint fourDaysAgo = TimePoint::Now() - TimePoint::FromSeconds(96 * 3600);
+    Ok("record --track " + t + " --synthetic --bitrate 8M --duration 2s --start -96h");
+    Ok("record --track " + t + " --synthetic --bitrate 8M --duration 1s --start -1m");
+
+    StopServer();
+    StartServer();
+    // The first file is wholly older than 3 days: gone. The second holds
+    // recent chunks too: kept.
+    const json info = Ok("track info " + t)["tracks"][0];
+    EXPECT_EQ(info["max_age"], "3d");
+    const TimePoint oldest = TimePoint::FromString(info["oldest"].get<std::string>());
+    EXPECT_GT(oldest, fourDaysAgo + TimePoint::FromSeconds(1));
+    EXPECT_LT(info["current_size"].get<uint64_t>(), 2u << 20);  // 75 chunks were 3 MB
+    EXPECT_NE(Run("track info " + t + " --server " + address_).out.find("max age:      3d"),
+              std::string::npos);
+
+    EXPECT_EQ(Ok("track set " + t + " --max-age off")["max_age"], nullptr);
+    EXPECT_EQ(Ok("track info " + t)["tracks"][0]["max_age"], nullptr);
+    for (const auto& [args, message] : std::vector<std::pair<std::string, std::string>>{
+             {"track set " + t + " --max-age -5h", "must not be negative"},
+             {"track set " + t + " --max-age soon", "bad duration 'soon'"},
+             {"track set 999 --max-age 1h", "unknown track 999"}}) {
+        const Result r = Run(args + " --server " + address_);
+        EXPECT_EQ(r.status, 1) << args;
+        EXPECT_NE(r.err.find(message), std::string::npos) << args << ": " << r.err;
+    }
+}
+
 TEST_F(LoopstoreCommandTest, VersionAndExitCodesAreInTheHelp) {
     const Result version = Run("--version");
     EXPECT_EQ(version.status, 0);

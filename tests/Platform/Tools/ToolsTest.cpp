@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <latch>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "Platform/Tools/DirectoryParser.h"
+#include "Platform/Tools/PeriodicThread.h"
 #include "Platform/Tools/PrintIntegers.h"
 #include "Platform/Tools/Semaphore.h"
 #include "Platform/Tools/StdTimer.h"
@@ -143,6 +145,29 @@ TEST(Semaphore, EverySignalReleasesExactlyOneWaitAcrossThreads) {
     }
     EXPECT_EQ(work.GetCount(), 0);
     EXPECT_EQ(done.GetCount(), 0);
+}
+
+TEST(PeriodicThread, RunsAgainAndAgainAndStopsWithoutWaitingOutItsInterval) {
+    {
+        std::latch threeRuns(3);
+        std::atomic<int> runs{0};
+        Moreld::Tools::PeriodicThread thread(std::chrono::milliseconds(1), [&] {
+            if (++runs <= 3)
+                threeRuns.count_down();
+        });
+        threeRuns.wait();
+        thread.Stop();
+        const int stopped = runs.load();
+        thread.Stop();                    // a second stop is harmless
+        EXPECT_EQ(runs.load(), stopped);  // no run after Stop returned
+    }
+    // An hour-long interval: the stop (here the destructor) ends it at once,
+    // and the task never ran. A hang here is the failure.
+    std::atomic<int> runs{0};
+    {
+        Moreld::Tools::PeriodicThread thread(std::chrono::hours(1), [&] { ++runs; });
+    }
+    EXPECT_EQ(runs.load(), 0);
 }
 
 TEST(PrintIntegers, CollapsesRunsOfConsecutiveValues) {

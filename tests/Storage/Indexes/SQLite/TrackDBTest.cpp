@@ -81,7 +81,7 @@ TEST(TrackDBOpen, CreatesExactlyTheSchemaOnceAndReopenKeepsIt) {
         ASSERT_TRUE(db.Open(dir.Path(), kTrack));
         EXPECT_TRUE(db.IsOpen());
         EXPECT_EQ(db.GetDBFile(), dir / "12.db");
-        for (const char* table : {"chunks", "emptyFiles", "status"}) {
+        for (const char* table : {"chunks", "emptyFiles", "status", "retention"}) {
             std::string line =
                 std::string("Creating table \"") + table + "\" on database " + (dir / "12.db");
             EXPECT_TRUE(capture.HasExactly(line)) << line;
@@ -111,6 +111,7 @@ TEST(TrackDBOpen, CreatesExactlyTheSchemaOnceAndReopenKeepsIt) {
         {"fileNumberIndexChunks", "CREATE INDEX fileNumberIndexChunks ON chunks(fileNumber)"},
         {"fileNumberIndexEmptyFiles",
          "CREATE INDEX fileNumberIndexEmptyFiles ON emptyFiles(fileNumber)"},
+        {"retention", "CREATE TABLE retention(maxAge INTEGER)"},
         {"status", "CREATE TABLE status(active INTEGER )"},
     };
     EXPECT_EQ(objects, expected);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -34,6 +35,17 @@ void CrashModel::ReadLog(const std::string& path) {
         Apply(line);
 }
 
+void CrashModel::DropExpired(long track) {
+    const auto cutoff = expiredBefore_.find(track);
+    if (cutoff == expiredBefore_.end())
+        return;
+    const auto expired = [&](const auto& chunk) { return chunk.first < cutoff->second; };
+    if (auto it = saved.find(track); it != saved.end())
+        std::erase_if(it->second, expired);
+    if (auto it = pending_.find(track); it != pending_.end())
+        std::erase_if(it->second, expired);
+}
+
 void CrashModel::Apply(const std::string& line) {
     std::istringstream in(line);
     char kind = 0;
@@ -51,12 +63,22 @@ void CrashModel::Apply(const std::string& line) {
             in >> track;
             saved[track].merge(pending_[track]);
             pending_.erase(track);
+            DropExpired(track);
             break;
         case 'X':
             in >> track;
             saved.erase(track);
             pending_.erase(track);
             break;
+        case 'E': {
+            int64_t cutoff = 0;
+            in >> track >> cutoff;
+            auto [it, inserted] = expiredBefore_.emplace(track, cutoff);
+            if (!inserted)
+                it->second = std::max(it->second, cutoff);
+            DropExpired(track);
+            break;
+        }
         case 'T':
             in >> track;
             tracks.insert(track);

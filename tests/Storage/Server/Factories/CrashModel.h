@@ -18,6 +18,10 @@ namespace loopstore::test {
 //   A <track> <tp> <size>   chunk appended (not yet saved)
 //   K <track>               writer closed: every chunk appended is saved
 //   X <track>               about to clear, shrink or delete: nothing of it is required
+//   E <track> <cutoff>      about to set a max age: from now on, chunks of the track
+//                           before cutoff are not required (the highest cutoff
+//                           logged holds: a crash may leave an older policy, and
+//                           a track's time may start again after a clear)
 //   T <track>               track created (acknowledged)
 //   D <track>               about to delete the track
 //   P <id> <track> <from> <to>   protection acknowledged
@@ -48,9 +52,12 @@ class CrashModel {
 
   private:
     void Apply(const std::string& line);
+    // Forgets the track's chunks that its max age may have purged.
+    void DropExpired(long track);
 
     std::map<long, std::map<int64_t, size_t>> pending_;
-    size_t consumed_ = 0;  // bytes of the log already applied
+    std::map<long, int64_t> expiredBefore_;  // the highest cutoff of each track
+    size_t consumed_ = 0;                    // bytes of the log already applied
 };
 
 }  // namespace loopstore::test

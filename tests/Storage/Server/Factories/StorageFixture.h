@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -29,10 +31,19 @@ class Storage {
         Start();
     }
 
+    // Retention's "now" and the interval of its background thread, for the
+    // next Start (the wall clock and one minute otherwise).
+    void SetRetention(std::function<Moreld::Time::TimePoint()> clock,
+                      std::chrono::milliseconds interval) {
+        clock_ = std::move(clock);
+        retentionInterval_ = interval;
+    }
+
     LoopRecordingFileFactory& Factory() { return *factory_; }
     MoreldStorageApi::ITrackStorage& Tracks() { return *service_->trackStorage; }
     MoreldStorageApi::ITrackWriterFactory& Writers() { return *service_->trackWriterFactory; }
     MoreldStorageApi::ITrackReaderFactory& Readers() { return *service_->trackReaderFactory; }
+    MoreldStorageApi::ITrackRetention& Retention() { return *service_->trackRetention; }
     // Creates track `id` of `files` pool files; the id the store gave it.
     long CreateTrack(long id, long files);
 
@@ -50,6 +61,8 @@ class Storage {
   private:
     TempDir dir_;
     int poolFiles_;
+    std::function<Moreld::Time::TimePoint()> clock_;
+    std::chrono::milliseconds retentionInterval_ = std::chrono::minutes(1);
     std::unique_ptr<LoopRecordingFileFactory> factory_;
     std::unique_ptr<MoreldStorageApi::Service> service_;
 };

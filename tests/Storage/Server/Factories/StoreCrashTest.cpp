@@ -28,6 +28,9 @@ constexpr int kPoolFiles = 24;
 constexpr long kTracks = 3;
 constexpr int64_t kSecond = 1'000'000'000;
 constexpr int64_t kChunkDuration = kSecond / 25;
+// The store's clock for retention: later than any chunk the workload writes,
+// and still, so a max age keeps one cutoff for the whole run.
+constexpr int64_t kNow = int64_t{10'000'000} * kSecond;
 
 uint64_t EnvNumber(const char* name, uint64_t fallback) {
     const char* text = std::getenv(name);
@@ -78,6 +81,9 @@ class Workload {
                 case 8:
                 case 9:
                     Read(track);
+                    break;
+                case 10:
+                    Expire(track);
                     break;
                 default:
                     Record(track);
@@ -171,6 +177,17 @@ class Workload {
         }
         Log("P " + std::to_string(id) + " " + std::to_string(track) + " " + std::to_string(from) +
             " " + std::to_string(from + kSecond));
+    }
+
+    // Sets a max age that the store's fixed clock turns into a cutoff a
+    // little before the end of the track: what lies wholly before it goes.
+    void Expire(long track) {
+        const int64_t end = Manager(track)->GetEndOfTrack().ToNanoseconds();
+        if (end <= 0)
+            return;
+        const int64_t cutoff = end - Pick(0, 3) * kSecond;
+        Log("E " + std::to_string(track) + " " + std::to_string(cutoff));
+        s_.Retention().SetTrackMaxAge(track, Tp(kNow - cutoff));
     }
 
     void SetProperty(long track) {
@@ -307,6 +324,8 @@ TEST(StoreCrash, NothingAcknowledgedIsLostAcrossKillsAndPowerCuts) {
     std::mt19937_64 random(seed);
     Storage s(kPoolFiles);
     s.Stop();
+    s.SetRetention([] { return Moreld::Time::TimePoint::FromNanoseconds(kNow); },
+                   std::chrono::minutes(1));
     PowerCutHarness harness(s.Dir().Path());
     const std::string log = s.Dir() / "model.log";
     CrashModel model;
