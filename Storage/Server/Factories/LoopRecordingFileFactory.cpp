@@ -35,6 +35,8 @@ LoopRecordingFileFactory::LoopRecordingFileFactory(const FactoryParameters& para
     chunkCacheManager_ = std::make_unique<ChunkCacheManager>();
     trackStorage_ =
         std::make_unique<LoopRecordingCommonTrackStorage>(*directoryHandler_, *managers_);
+    if (parameters.clock)
+        trackStorage_->SetClock(parameters.clock);
     trackStorage_->OpenPropertiesDatabase(dbDirectory_);
     trackStorage_->OpenProtectionDatabase(dbDirectory_);
     OpenPool();
@@ -43,9 +45,11 @@ LoopRecordingFileFactory::LoopRecordingFileFactory(const FactoryParameters& para
     trackStorage_->SetMonitoring(monitoring_.get());
     const unsigned long remaining = pool_->GetRemainingSpace();
     MR_LOG(logger_, 30, "Available size is " << remaining / 1000000 << "MB (" << remaining << "B)");
+    protectionExpiry_ = std::make_unique<ProtectionExpiry>(*trackStorage_, parameters.expiryPeriod);
 }
 
 LoopRecordingFileFactory::~LoopRecordingFileFactory() {
+    protectionExpiry_.reset();
     trackStorage_.reset();
     pool_.reset();
     chunkCacheManager_.reset();

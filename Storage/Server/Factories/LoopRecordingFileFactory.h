@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,6 +18,7 @@
 #include "Storage/Indexes/Ram/IChunkProtectionFactory.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
 #include "Storage/Server/FileSystem/LoopRecordingCommonTrackStorage.h"
+#include "Storage/Server/FileSystem/ProtectionExpiry.h"
 #include "Storage/Server/Monitoring.h"
 
 // The entry of the library. The constructor builds the whole storage from
@@ -39,6 +42,11 @@ class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory
         std::string trackDirectory;  // root of the numbered track directories
         std::string dbDirectory;     // pool.db, protections.db, properties.db, <track>.db
         std::string poolDirectory;   // the preallocated free files
+        // The clock that says when a protection expires (null: the wall
+        // clock), and how often expired protections are looked for while
+        // the store is open; they are also lifted when it opens.
+        std::function<Moreld::Time::TimePoint()> clock = nullptr;
+        std::chrono::milliseconds expiryPeriod = std::chrono::minutes(1);
     };
 
     // Builds everything; any failure leaves the constructor (what was built
@@ -91,5 +99,6 @@ class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory
     std::unique_ptr<ChunkCacheManager> chunkCacheManager_;
     std::shared_ptr<FilesPool> pool_;
     std::unique_ptr<LoopRecordingCommonTrackStorage> trackStorage_;
+    std::unique_ptr<ProtectionExpiry> protectionExpiry_;
     tav::mr::logging::Logger logger_;
 };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -20,6 +22,12 @@ class Storage {
     explicit Storage(int poolFiles, bool start = true);
     ~Storage();
 
+    // The clock and sweep period of protection expiries at the next Start.
+    void SetExpiry(std::function<Moreld::Time::TimePoint()> clock,
+                   std::chrono::milliseconds period) {
+        clock_ = std::move(clock);
+        expiryPeriod_ = period;
+    }
     // Builds the factory and its service (a start of the process).
     void Start();
     // Destroys them (a clean stop).
@@ -50,6 +58,8 @@ class Storage {
   private:
     TempDir dir_;
     int poolFiles_;
+    std::function<Moreld::Time::TimePoint()> clock_;
+    std::chrono::milliseconds expiryPeriod_ = std::chrono::minutes(1);
     std::unique_ptr<LoopRecordingFileFactory> factory_;
     std::unique_ptr<MoreldStorageApi::Service> service_;
 };
