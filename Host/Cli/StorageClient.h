@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -51,7 +52,9 @@ class StorageClient {
     TimePoint GetBeginningOfTrack(int64_t id);
     int64_t GetNumberOfChunks(int64_t id, TimePoint from, TimePoint to);
 
-    int64_t Protect(int64_t id, TimePoint from, TimePoint duration);
+    // `label` and `expires` are optional (empty, none).
+    int64_t Protect(int64_t id, TimePoint from, TimePoint duration, const std::string& label = "",
+                    std::optional<TimePoint> expires = std::nullopt);
     void Unprotect(int64_t protectionId);
     Protocol::ProtectionInfos ListProtections();
 

@@ -10,6 +10,12 @@ using Moreld::Plexa::Converter;
 ProtectionDB::Terms ProtectionTermsCodec::FromRequest(long track,
                                                       const Protocol::ProtectionTerms& request,
                                                       const TimePoint& now) {
+    if (request.label().size() > kMaxLabelBytes) {
+        std::ostringstream os;
+        os << "T" << track << ": a protection label takes " << request.label().size()
+           << " bytes, more than " << kMaxLabelBytes;
+        throw std::runtime_error(os.str());
+    }
     ProtectionDB::Terms terms{request.label(), std::nullopt};
     if (!request.has_expires())
         return terms;
