@@ -1,6 +1,5 @@
 #include "Storage/Indexes/SQLite/ProtectionDB.h"
 
-
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/SQLite/Statement.h"
 #include "Storage/Indexes/SQLite/OpenServiceDatabase.h"
@@ -51,8 +50,8 @@ void ProtectionDB::PrepareStatements() {
     selectOne_.text = "SELECT * FROM " + table_ + " WHERE protectionId == (?)";
     delete_.text = "DELETE FROM " + table_ + " WHERE protectionId == (?)";
     insert_.text = "INSERT INTO " + table_ +
-                            " (trackId, protectionId, timepointIn, timepointOut, label, "
-                            "expiresAt) VALUES (?, ?, ?, ?, ?, ?)";
+                   " (trackId, protectionId, timepointIn, timepointOut, label, "
+                   "expiresAt) VALUES (?, ?, ?, ?, ?, ?)";
     for (const CachedSql* sql : {&selectAll_, &selectOne_, &insert_, &delete_}) {
         db_.GetCachedStatement(sql->key, sql->text.c_str());
     }

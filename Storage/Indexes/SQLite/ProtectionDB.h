@@ -54,9 +54,10 @@ class ProtectionDB {
     // Opens (creating when missing) <dbDirectory>/protections.db, creates the
     // table when missing and its unique index, adds the label and expiry
     // columns to a table made before them (its rows are kept: no label, no
-    // expiry), and sets the connection's journal and sync modes. Throws std::runtime_error "Could not open
-    // database file <path>" (logged at level 50) when the file cannot be
-    // opened, SQLiteError when the schema cannot be created.
+    // expiry), and sets the connection's journal and sync modes. Throws
+    // std::runtime_error "Could not open database file <path>" (logged at
+    // level 50) when the file cannot be opened, SQLiteError when the schema
+    // cannot be created.
     void Open(const std::string& dbDirectory);
 
     // Stores a protection. Throws SQLiteError when the id is already stored;

@@ -30,7 +30,8 @@ ProtectionDB::Terms ProtectionTermsCodec::FromRequest(long track,
     return terms;
 }
 
-void ProtectionTermsCodec::ToInfo(const ProtectionDB::Terms& terms, Protocol::ProtectionInfo& info) {
+void ProtectionTermsCodec::ToInfo(const ProtectionDB::Terms& terms,
+                                  Protocol::ProtectionInfo& info) {
     info.set_label(terms.label);
     if (terms.expires)
         *info.mutable_expires() = Converter::To(*terms.expires);

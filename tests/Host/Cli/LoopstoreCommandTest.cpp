@@ -275,9 +275,9 @@ TEST_F(LoopstoreCommandTest, AProtectionHoldsWhatIsRecordedAfterItAcrossARestart
     EXPECT_EQ(Ok("track info " + t)["tracks"][0]["end"], "2030-01-01T00:00:14.000000000Z");
 
     const std::string output = dir_ / "held.bin";
-    const json exported = Ok("export --track " + t +
-                             " --from 2030-01-01T00:00:01Z --to 2030-01-01T00:00:03.4Z --output " +
-                             output);
+    const json exported =
+        Ok("export --track " + t +
+           " --from 2030-01-01T00:00:01Z --to 2030-01-01T00:00:03.4Z --output " + output);
     EXPECT_EQ(exported["chunks"], 60);
     std::string expected;
     const auto start = Moreld::Time::TimePoint::FromString("2030-01-01T00:00:01Z");

@@ -199,8 +199,9 @@ TEST(LoopRecordingFileManager, AProtectionHoldsTheBlocksRecordedLaterInItsRange)
 
     // Every file is held: the writer gets the usual refusal, nothing is lost.
     m->Append(Sec(13), Sec(1), 450);
-    EXPECT_NE(ThrownText([&] { m->Append(Sec(14), Sec(1), 450); })
-                  .find("No more recyclable file available to store chunk at"),
+    EXPECT_NE(ThrownText([&] {
+                  m->Append(Sec(14), Sec(1), 450);
+              }).find("No more recyclable file available to store chunk at"),
               std::string::npos);
     EXPECT_EQ(m->GetBlocks().size(), 6u);
 

@@ -51,9 +51,9 @@ long Storage::CreateTrack(long id, long files) {
 }
 
 void Storage::Start() {
-    factory_ = std::make_unique<LoopRecordingFileFactory>(
-        LoopRecordingFileFactory::FactoryParameters{TracksDir(), DbDir(), PoolDir(), clock_,
-                                                    expiryPeriod_});
+    factory_ =
+        std::make_unique<LoopRecordingFileFactory>(LoopRecordingFileFactory::FactoryParameters{
+            TracksDir(), DbDir(), PoolDir(), clock_, expiryPeriod_});
     service_.reset(factory_->Construct({"storage", "test client"}));
 }
 
