@@ -67,7 +67,7 @@ FileSystem::Chunk LoopRecordingFileManager::Append(const TimePoint& tp, const Ti
         return AppendFirstChunk(tp, duration, size);
 
     UniqueLock files(filesMutex_);
-    {
+    if (!protectionRanges_.Empty()) {
         // The block being closed may have grown into a protection's range
         // since it opened: it is held before a file is chosen for recycling.
         UniqueLock index(indexMutex_);
