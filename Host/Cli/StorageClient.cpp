@@ -223,11 +223,15 @@ int64_t StorageClient::GetNumberOfChunks(int64_t id, TimePoint from, TimePoint t
     return answer.value();
 }
 
-int64_t StorageClient::Protect(int64_t id, TimePoint from, TimePoint duration) {
+int64_t StorageClient::Protect(int64_t id, TimePoint from, TimePoint duration,
+                               const std::string& label, std::optional<TimePoint> expires) {
     rpc::ProtectRequest request;
     request.set_track_id(id);
     *request.mutable_from() = Converter::To(from);
     *request.mutable_duration() = Converter::To(duration);
+    request.set_label(label);
+    if (expires)
+        *request.mutable_expires() = Converter::To(*expires);
     rpc::ProtectionId answer;
     LOOPSTORE_CALL(Protect, request, answer, "protecting " + Track(id));
     return answer.id();

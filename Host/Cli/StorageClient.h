@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -53,7 +54,9 @@ class StorageClient {
     // 0 ns removes the track's limit.
     void SetTrackMaxAge(int64_t id, TimePoint maxAge);
 
-    int64_t Protect(int64_t id, TimePoint from, TimePoint duration);
+    // `label` and `expires` are optional (empty, none).
+    int64_t Protect(int64_t id, TimePoint from, TimePoint duration, const std::string& label = "",
+                    std::optional<TimePoint> expires = std::nullopt);
     void Unprotect(int64_t protectionId);
     Protocol::ProtectionInfos ListProtections();
 

@@ -32,6 +32,7 @@ constexpr Rule kRules[] = {
     {"accumulated duration of the track would overflow", grpc::StatusCode::INVALID_ARGUMENT},
     {"must be lower than max cache size", grpc::StatusCode::INVALID_ARGUMENT},
     {"must be > timepoint IN", grpc::StatusCode::INVALID_ARGUMENT},
+    {"is not after now", grpc::StatusCode::INVALID_ARGUMENT},
     {"is not valid UTF-8", grpc::StatusCode::INVALID_ARGUMENT},
     {" bytes, more than ", grpc::StatusCode::INVALID_ARGUMENT},
     {"max age must not be negative", grpc::StatusCode::INVALID_ARGUMENT},

@@ -107,7 +107,12 @@ grpc::Status TrackStorageRpc::Protect(Context* context, const rpc::ProtectReques
         RequestChecks::EndOf(request->from().nanoseconds(), request->duration().nanoseconds(),
                              "T" + std::to_string(request->track_id()) + ": a protection");
         long id = 0;
-        storage_.Protect(Long(request->track_id()), request->from(), request->duration(), id);
+        Protocol::ProtectionTerms terms;
+        terms.set_label(request->label());
+        if (request->has_expires())
+            *terms.mutable_expires() = request->expires();
+        storage_.ProtectWithTerms(Long(request->track_id()), request->from(), request->duration(),
+                                  terms, id);
         answer->set_id(id);
     });
 }

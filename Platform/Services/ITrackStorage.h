@@ -69,6 +69,12 @@ class ITrackStorage {
     virtual void Protect(const long& trackId, const Protocol::TimePoint& from,
                          const Protocol::TimePoint& duration, long& protectionId) = 0;
 
+    // Protect, with a label and an expiry (`terms`); an expiry that is not
+    // after now is refused.
+    virtual void ProtectWithTerms(const long& trackId, const Protocol::TimePoint& from,
+                                  const Protocol::TimePoint& duration,
+                                  const Protocol::ProtectionTerms& terms, long& protectionId) = 0;
+
     // One WorkerInfo per id of `workerIds`, in order.
     virtual void GetWorkerInfos(const Protocol::Ids& workerIds, Protocol::WorkerInfos& infos) = 0;
 

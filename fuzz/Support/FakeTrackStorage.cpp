@@ -92,6 +92,12 @@ void FakeTrackStorage::Protect(const long& trackId, const Protocol::TimePoint& f
     protectionId = ++lastProtectionId_;
 }
 
+void FakeTrackStorage::ProtectWithTerms(const long& trackId, const Protocol::TimePoint& from,
+                                        const Protocol::TimePoint& duration,
+                                        const Protocol::ProtectionTerms&, long& protectionId) {
+    Protect(trackId, from, duration, protectionId);
+}
+
 void FakeTrackStorage::GetWorkerInfos(const Protocol::Ids& workerIds,
                                       Protocol::WorkerInfos& infos) {
     for (const int64_t id : workerIds.ids())

@@ -32,6 +32,9 @@ class FakeTrackStorage : public MoreldStorageApi::ITrackStorage {
                                 Protocol::TimePoint& duration) override;
     void Protect(const long& trackId, const Protocol::TimePoint& from,
                  const Protocol::TimePoint& duration, long& protectionId) override;
+    void ProtectWithTerms(const long& trackId, const Protocol::TimePoint& from,
+                          const Protocol::TimePoint& duration,
+                          const Protocol::ProtectionTerms& terms, long& protectionId) override;
     void GetWorkerInfos(const Protocol::Ids& workerIds, Protocol::WorkerInfos& infos) override;
     void Unprotect(const long& protectionId) override;
     void GetEndOfTrack(const long& trackId, Protocol::TimePoint& end) override;

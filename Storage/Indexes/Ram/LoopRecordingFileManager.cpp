@@ -68,6 +68,12 @@ FileSystem::Chunk LoopRecordingFileManager::Append(const TimePoint& tp, const Ti
         return AppendFirstChunk(tp, duration, size);
 
     UniqueLock files(filesMutex_);
+    if (!protectionRanges_.Empty()) {
+        // The block being closed may have grown into a protection's range
+        // since it opened: it is held before a file is chosen for recycling.
+        UniqueLock index(indexMutex_);
+        HoldNewestBlockLocked();
+    }
     FileChoice choice = ChooseFileForNewBlock(tp, size);
     if (size > static_cast<unsigned long>(choice.file.Size())) {
         std::string msg = Concat("Current file ", choice.file.ToString(),
@@ -86,7 +92,9 @@ FileSystem::Chunk LoopRecordingFileManager::Append(const TimePoint& tp, const Ti
     } else {
         emptyFiles_.pop_front();
     }
-    return OpenBlock(choice, tp, duration, size);
+    FileSystem::Chunk chunk = OpenBlock(choice, tp, duration, size);
+    HoldNewestBlockLocked();
+    return chunk;
 }
 
 LoopRecordingFileManager::FileChoice LoopRecordingFileManager::ChooseFileForNewBlock(
@@ -227,6 +235,7 @@ FileSystem::Chunk LoopRecordingFileManager::AppendFirstChunk(const TimePoint& tp
     trackSize_ = size;
     recyclableKeys_.insert(tp);
     AdaptBeginningOfTrack();
+    HoldNewestBlockLocked();
     return it->second.GetLastChunk();
 }
 
@@ -766,12 +775,14 @@ size_t LoopRecordingFileManager::ProtectRange(long id, const TimePoint& in, cons
     if (files.empty()) {
         if (mayHoldNothing) {
             protections_[static_cast<unsigned long>(id)];  // known, holding nothing
+            protectionRanges_.Add(static_cast<unsigned long>(id), in, out);
             return 0;
         }
         std::string msg = Concat("Protect on track ", trackId_, ": no files were protected");
         MR_LOG(logger_, 30, msg);
         throw std::runtime_error(msg);
     }
+    protectionRanges_.Add(static_cast<unsigned long>(id), in, out);
     AdaptBeginningOfTrack();
     MR_LOG(logger_, 30,
            "T" << trackId_ << ": " << files.size() << " files protected, beginning of track is "
@@ -780,6 +791,25 @@ size_t LoopRecordingFileManager::ProtectRange(long id, const TimePoint& in, cons
         observer->OnProtected(id, in, out, files);
     }
     return files.size();
+}
+
+void LoopRecordingFileManager::HoldNewestBlockLocked() {
+    if (protectionRanges_.Empty() || blocks_.empty())
+        return;
+    auto& [key, block] = *blocks_.rbegin();
+    bool held = false;
+    for (unsigned long id : protectionRanges_.Covering(block)) {
+        if (!block.GetProtections().insert(id).second)
+            continue;
+        protections_[id].insert(key);
+        recyclableKeys_.erase(key);
+        held = true;
+        MR_LOG(logger_, 20,
+               "T" << trackId_ << ": Block at " << key << " on file " << block.GetChunkFile()
+                   << " protected with id " << id);
+    }
+    if (held)
+        AdaptBeginningOfTrack();
 }
 
 unsigned long LoopRecordingFileManager::Unprotect(long id) {
@@ -806,6 +836,7 @@ unsigned long LoopRecordingFileManager::Unprotect(long id) {
         }
     }
     protections_.erase(protection);
+    protectionRanges_.Remove(static_cast<unsigned long>(id));
     AdaptBeginningOfTrack();
     MR_LOG(logger_, 30,
            "T" << trackId_ << ": unprotected protection " << id << ": Beginning of track is "

@@ -18,6 +18,7 @@
 #include "Storage/Indexes/Ram/IChunkProtectionFactory.h"
 #include "Storage/Indexes/Ram/IFileSystemManager.h"
 #include "Storage/Indexes/Ram/IProtectionManager.h"
+#include "Storage/Indexes/Ram/ProtectionRanges.h"
 #include "Storage/Indexes/SQLite/TrackDB.h"
 
 // The RAM index of one track: for every chunk, the chunk file and offset that
@@ -94,6 +95,8 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     // Removes the named files whatever they hold; false when some file was
     // not the track's.
     bool ForceRemoveFiles(const std::vector<ChunkFile>& files);
+    // Holds the blocks that lie in [in, out] now, and keeps the range so
+    // that every block opened in it later is held as it opens.
     void Protect(long id, const TimePoint& in, const TimePoint& out) override;
     // Protect for a stored protection reloaded at start-up: a range that
     // holds no block (its blocks were lost) is kept under its id all the
@@ -187,6 +190,9 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     std::vector<ChunkFile> RemoveEmptyFilesUpTo(unsigned long size, unsigned long& taken);
     std::vector<ChunkFile> RemoveBlocksUpTo(unsigned long size, unsigned long& taken);
     size_t ProtectRange(long id, const TimePoint& in, const TimePoint& out, bool mayHoldNothing);
+    // Has the protections whose range the newest block lies in hold it.
+    // With filesMutex_ and indexMutex_ held exclusively.
+    void HoldNewestBlockLocked();
     std::vector<ChunkFile> ProtectBlocks(long id, const TimePoint& in, const TimePoint& out);
     bool RemoveFromEmptyFiles(const ChunkFile& file);
     bool RemoveBlockOfFile(const ChunkFile& file);
@@ -198,6 +204,7 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     std::deque<ChunkFile> emptyFiles_;                          // guarded by filesMutex_
     std::set<TimePoint> recyclableKeys_;                        // guarded by filesMutex_
     std::map<unsigned long, std::set<TimePoint>> protections_;  // guarded by filesMutex_
+    ProtectionRanges protectionRanges_;                         // guarded by filesMutex_
     std::set<IProtectionObserver*> protectionObservers_;        // guarded by filesMutex_
     bool loopRecording_ = true;                                 // guarded by filesMutex_
 

@@ -36,6 +36,8 @@ LoopRecordingFileFactory::LoopRecordingFileFactory(const FactoryParameters& para
     chunkCacheManager_ = std::make_unique<ChunkCacheManager>();
     trackStorage_ =
         std::make_unique<LoopRecordingCommonTrackStorage>(*directoryHandler_, *managers_);
+    if (parameters.clock)
+        trackStorage_->SetClock(parameters.clock);
     trackStorage_->OpenPropertiesDatabase(dbDirectory_);
     trackStorage_->OpenProtectionDatabase(dbDirectory_);
     OpenPool();
@@ -44,11 +46,11 @@ LoopRecordingFileFactory::LoopRecordingFileFactory(const FactoryParameters& para
     trackStorage_->SetMonitoring(monitoring_.get());
     const unsigned long remaining = pool_->GetRemainingSpace();
     MR_LOG(logger_, 30, "Available size is " << remaining / 1000000 << "MB (" << remaining << "B)");
-    StartRetention(parameters);
+    StartUpkeep(parameters);
 }
 
 LoopRecordingFileFactory::~LoopRecordingFileFactory() {
-    retentionThread_.reset();
+    upkeepThread_.reset();
     trackStorage_.reset();
     pool_.reset();
     chunkCacheManager_.reset();
@@ -59,13 +61,28 @@ LoopRecordingFileFactory::~LoopRecordingFileFactory() {
     lock_.reset();
 }
 
-void LoopRecordingFileFactory::StartRetention(const FactoryParameters& parameters) {
-    // After the repairs and the protections: a protected block never goes,
-    // and a store opens with nothing older than its tracks keep.
+void LoopRecordingFileFactory::StartUpkeep(const FactoryParameters& parameters) {
+    // After the repairs and the protections (the expired ones were lifted as
+    // their database opened): a protected block never goes, and a store
+    // opens with nothing older than its tracks keep.
     trackStorage_->SetRetentionClock(parameters.clock);
     PurgeExpiredContent("at start-up");
-    retentionThread_ = std::make_unique<Moreld::Tools::PeriodicThread>(
-        parameters.retentionInterval, [this] { PurgeExpiredContent("periodically"); });
+    upkeepThread_ = std::make_unique<Moreld::Tools::PeriodicThread>(
+        parameters.upkeepInterval, [this] { Upkeep("periodically"); });
+}
+
+void LoopRecordingFileFactory::Upkeep(const char* when) {
+    LiftExpiredProtections(when);
+    PurgeExpiredContent(when);
+}
+
+void LoopRecordingFileFactory::LiftExpiredProtections(const char* when) {
+    try {
+        trackStorage_->LiftExpiredProtections();
+    } catch (const std::exception& e) {
+        // A failing database now may work at the next run: keep going.
+        MR_LOG(logger_, 50, "Lifting expired protections " << when << " failed: " << e.what());
+    }
 }
 
 void LoopRecordingFileFactory::PurgeExpiredContent(const char* when) {

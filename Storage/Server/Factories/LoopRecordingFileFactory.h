@@ -34,9 +34,9 @@
 // factory or when its process dies), and fails at once when another holds
 // it.
 //
-// Retention by age: content that tracks' maximum ages no longer keep is given
-// back at the end of start-up, then by a background thread every
-// `retentionInterval`, stopped first at destruction.
+// Upkeep: expired protections are lifted and content that tracks' maximum
+// ages no longer keep is given back at the end of start-up, then by a
+// background thread every `upkeepInterval`, stopped first at destruction.
 //
 // Owns everything it builds; the objects Construct returns refer to it, so
 // the factory must outlive them. Destruction runs in the reverse order of
@@ -47,10 +47,12 @@ class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory
         std::string trackDirectory;  // root of the numbered track directories
         std::string dbDirectory;     // pool.db, protections.db, properties.db, <track>.db
         std::string poolDirectory;   // the preallocated free files
-        // Retention by age: "now" (empty: the wall clock) and how often
-        // expired content is looked for after the check at start-up.
+        // "Now" for protection expiries and retention by age (empty: the wall
+        // clock), and how often the store lifts expired protections and then
+        // gives back expired content while it is open; both also happen when
+        // it opens.
         std::function<Moreld::Time::TimePoint()> clock = {};
-        std::chrono::milliseconds retentionInterval = std::chrono::minutes(1);
+        std::chrono::milliseconds upkeepInterval = std::chrono::minutes(1);
     };
 
     // Builds everything; any failure leaves the constructor (what was built
@@ -82,7 +84,13 @@ class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory
 
   private:
     void LockStore();
-    void StartRetention(const FactoryParameters& parameters);
+    // Upkeep: lifts expired protections, then gives back content older
+    // than its track's maximum age (after the protections, so a protection
+    // lifted now frees its blocks at once). Runs at start-up and then on
+    // a thread every upkeep interval.
+    void StartUpkeep(const FactoryParameters& parameters);
+    void Upkeep(const char* when);
+    void LiftExpiredProtections(const char* when);
     void PurgeExpiredContent(const char* when);
     void UseCacheBudget(unsigned long bytes);
     void OpenPool();
@@ -105,6 +113,6 @@ class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory
     std::unique_ptr<ChunkCacheManager> chunkCacheManager_;
     std::shared_ptr<FilesPool> pool_;
     std::unique_ptr<LoopRecordingCommonTrackStorage> trackStorage_;
-    std::unique_ptr<Moreld::Tools::PeriodicThread> retentionThread_;
+    std::unique_ptr<Moreld::Tools::PeriodicThread> upkeepThread_;
     tav::mr::logging::Logger logger_;
 };

@@ -6,6 +6,7 @@
 
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Plexa/Converter.h"
+#include "Storage/Server/FileSystem/ProtectionTermsCodec.h"
 
 using Moreld::Plexa::Converter;
 using Moreld::Time::TimePoint;
@@ -371,6 +372,18 @@ void LoopRecordingCommonTrackStorage::OpenProtectionDatabase(const std::string& 
         long id = entry.protectionId;
         Protect(entry.trackId, entry.from, entry.to - entry.from, id, false);
     }
+    std::lock_guard<std::mutex> lock(accessMutex_);
+    LiftExpiredLocked();
+}
+
+void LoopRecordingCommonTrackStorage::ProtectWithTerms(const long& track,
+                                                       const Protocol::TimePoint& from,
+                                                       const Protocol::TimePoint& duration,
+                                                       const Protocol::ProtectionTerms& terms,
+                                                       long& protectionId) {
+    std::lock_guard<std::mutex> lock(accessMutex_);
+    const ProtectionDB::Terms checked = ProtectionTermsCodec::FromRequest(track, terms, clock_());
+    Protect(track, Converter::From(from), Converter::From(duration), protectionId, true, checked);
 }
 
 void LoopRecordingCommonTrackStorage::Protect(const long& track, const Protocol::TimePoint& from,
@@ -382,7 +395,7 @@ void LoopRecordingCommonTrackStorage::Protect(const long& track, const Protocol:
 
 void LoopRecordingCommonTrackStorage::Protect(const long& track, const TimePoint& from,
                                               const TimePoint& duration, long& protectionId,
-                                              bool isNew) {
+                                              bool isNew, const ProtectionDB::Terms& terms) {
     if (!directories_.Exist(track)) {
         std::string msg = Concat("Track ", track, " does not exist to protect at ", from);
         MR_LOG(logger_, 30, msg);
@@ -402,7 +415,7 @@ void LoopRecordingCommonTrackStorage::Protect(const long& track, const TimePoint
         manager.Protect(id, from, to);  // throws before anything is issued
         lastProtectionId_ = id;
         protectionId = id;
-        protectionDb_.Protect(track, id, from, to);
+        protectionDb_.Protect(track, id, from, to, terms);
     } else if (manager.RestoreProtection(protectionId, from, to) == 0) {
         // Its blocks were lost (a crash, a repair): the protection stays, so
         // that it can still be listed and lifted, and the start goes on.
@@ -417,6 +430,30 @@ void LoopRecordingCommonTrackStorage::Protect(const long& track, const TimePoint
 
 void LoopRecordingCommonTrackStorage::Unprotect(const long& protectionId) {
     std::lock_guard<std::mutex> lock(accessMutex_);
+    UnprotectLocked(protectionId);
+}
+
+size_t LoopRecordingCommonTrackStorage::LiftExpiredProtections() {
+    std::lock_guard<std::mutex> lock(accessMutex_);
+    return LiftExpiredLocked();
+}
+
+size_t LoopRecordingCommonTrackStorage::LiftExpiredLocked() {
+    const TimePoint now = clock_();
+    size_t lifted = 0;
+    for (const ProtectionDB::ProtectionEntry& entry : protectionDb_.GetProtections()) {
+        if (!entry.terms.expires || *entry.terms.expires > now)
+            continue;
+        MR_LOG(logger_, 30,
+               "T" << entry.trackId << ": Protection " << entry.protectionId << " expired at "
+                   << *entry.terms.expires << ": lifted");
+        UnprotectLocked(entry.protectionId);
+        ++lifted;
+    }
+    return lifted;
+}
+
+void LoopRecordingCommonTrackStorage::UnprotectLocked(long protectionId) {
     const long track = protectionDb_.GetTrackIdFromProtectionId(protectionId);
     if (track == 0) {
         MR_LOG(logger_, 30,
@@ -442,6 +479,7 @@ void LoopRecordingCommonTrackStorage::ListProtections(Protocol::ProtectionInfos&
         info->set_track_id(entry.trackId);
         *info->mutable_start() = Converter::To(entry.from);
         *info->mutable_end() = Converter::To(entry.to);
+        ProtectionTermsCodec::ToInfo(entry.terms, *info);
     }
 }
 

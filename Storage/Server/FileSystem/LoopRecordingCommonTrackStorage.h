@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -70,8 +71,19 @@ class LoopRecordingCommonTrackStorage {
     // one whose range holds no block any more is kept all the same (logged
     // at level 40), so that a start never fails on it.
     void Protect(const long& track, const TimePoint& from, const TimePoint& duration,
-                 long& protectionId, bool isNew);
+                 long& protectionId, bool isNew, const ProtectionDB::Terms& terms = {});
+    // The host's form with a label and an expiry; an expiry not after the
+    // clock's now is refused before anything is protected.
+    void ProtectWithTerms(const long& track, const Protocol::TimePoint& from,
+                          const Protocol::TimePoint& duration,
+                          const Protocol::ProtectionTerms& terms, long& protectionId);
     void Unprotect(const long& protectionId);
+    // Lifts, as Unprotect does, every protection whose expiry is not after
+    // the clock's now; returns how many. Also run at start-up.
+    size_t LiftExpiredProtections();
+    // The clock of expiries (the wall clock by default). Set before the
+    // protection database is opened.
+    void SetClock(std::function<TimePoint()> clock) { clock_ = std::move(clock); }
     void ListProtections(Protocol::ProtectionInfos& out);
     void SetTrackProperties(const long& track, const Protocol::PropertyList& properties);
     void RemoveTrackProperties(const long& track, const Protocol::PropertyList& properties);
@@ -107,6 +119,9 @@ class LoopRecordingCommonTrackStorage {
     // true when nothing is left and the track is gone (but its properties).
     bool GiveBackUnprotectedFiles(long id, FilesPool& pool, Protocol::TrackParameters& out);
     Monitoring& RequireMonitoring(const char* message) const;
+    // With accessMutex_ held.
+    void UnprotectLocked(long protectionId);
+    size_t LiftExpiredLocked();
 
     DirectoryHandler& directories_;
     LoopRecordingFileManagers& managers_;
@@ -117,6 +132,7 @@ class LoopRecordingCommonTrackStorage {
     TrackRetention retention_;         // guarded by accessMutex_
     long lastProtectionId_ = 0;        // guarded by accessMutex_
     Monitoring* monitoring_ = nullptr;
+    std::function<TimePoint()> clock_ = [] { return TimePoint::Now(); };
     mutable std::mutex poolMutex_;
     mutable std::mutex accessMutex_;
     tav::mr::logging::Logger logger_;

@@ -78,6 +78,14 @@ void LoopRecordingTrackStorage::Protect(const long& trackId, const Protocol::Tim
     core_.Protect(trackId, from, duration, protectionId);
 }
 
+void LoopRecordingTrackStorage::ProtectWithTerms(const long& trackId,
+                                                 const Protocol::TimePoint& from,
+                                                 const Protocol::TimePoint& duration,
+                                                 const Protocol::ProtectionTerms& terms,
+                                                 long& protectionId) {
+    core_.ProtectWithTerms(trackId, from, duration, terms, protectionId);
+}
+
 void LoopRecordingTrackStorage::GetWorkerInfos(const Protocol::Ids& workerIds,
                                                Protocol::WorkerInfos& infos) {
     for (long id : workerIds.ids()) {

@@ -25,6 +25,7 @@
 
 #include <grpcpp/grpcpp.h>
 
+#include "Host/Cli/SyntheticPayload.h"
 #include "Host/Rpc/Loopstore.grpc.pb.h"
 #include "Host/Server/LoopstoreServer.h"
 #include "tests/Support/TempDir.h"
@@ -298,6 +299,60 @@ TEST_F(LoopstoreCommandTest, AMaxAgeOutlivesARestartAfterWhichOldContentIsGone) 
         EXPECT_EQ(r.status, 1) << args;
         EXPECT_NE(r.err.find(message), std::string::npos) << args << ": " << r.err;
     }
+}
+
+TEST_F(LoopstoreCommandTest, AProtectionHoldsWhatIsRecordedAfterItAcrossARestart) {
+    StartServer();
+    // Six files of about 1 s each at 8 Mbit/s (40 ms chunks of 40000 bytes).
+    const int64_t id = Ok("track create --size 6M")["id"];
+    const std::string t = std::to_string(id);
+    const std::string more = "record --track " + t + " --synthetic --bitrate 8M --duration ";
+    Ok(more + "2s --start 2030-01-01T00:00:00Z");
+    // Reaches 1.4 s past what is recorded: four files in all are held.
+    Ok("protect " + t + " --from 2030-01-01T00:00:01Z --to 2030-01-01T00:00:03.4Z");
+    Ok(more + "6s");  // the two free files loop
+    StopServer();
+    StartServer();
+    Ok(more + "6s");  // and loop six times more
+    EXPECT_EQ(Ok("track info " + t)["tracks"][0]["end"], "2030-01-01T00:00:14.000000000Z");
+
+    const std::string output = dir_ / "held.bin";
+    const json exported =
+        Ok("export --track " + t +
+           " --from 2030-01-01T00:00:01Z --to 2030-01-01T00:00:03.4Z --output " + output);
+    EXPECT_EQ(exported["chunks"], 60);
+    std::string expected;
+    const auto start = Moreld::Time::TimePoint::FromString("2030-01-01T00:00:01Z");
+    for (int64_t i = 0; i < 60; ++i)
+        expected += SyntheticPayload::Make(
+            id, start + Moreld::Time::TimePoint::FromNanoseconds(i * 40'000'000), 40000);
+    EXPECT_TRUE(ReadFile(output) == expected) << "the protected range has a hole";
+}
+
+TEST_F(LoopstoreCommandTest, ProtectionsShowTheirLabelAndExpiry) {
+    StartServer();
+    const std::string t = std::to_string(Ok("track create --size 2M")["id"].get<int64_t>());
+    Ok("record --track " + t + " --synthetic --bitrate 1M --duration 1s");
+    const json made = Ok("protect " + t + " --from -1h --to +1h --label door --expires 30d");
+    EXPECT_EQ(made["label"], "door");
+    Ok("protect " + t + " --from -1h --to +1h --expires 2200-01-01T00:00:00Z");
+    Ok("protect " + t + " --from -1h --to +1h");
+    const json list = Ok("protections")["protections"];
+    ASSERT_EQ(list.size(), 3u);
+    EXPECT_EQ(list[0]["label"], "door");
+    EXPECT_EQ(list[0]["expires"], made["expires"]);
+    EXPECT_EQ(list[1]["label"], "");
+    EXPECT_EQ(list[1]["expires"], "2200-01-01T00:00:00.000000000Z");
+    EXPECT_EQ(list[2]["expires"], nullptr);
+    const std::string text = Run("protections --server " + address_).out;
+    EXPECT_NE(text.find(", label \"door\", expires "), std::string::npos) << text;
+
+    for (const char* past : {"2020-01-01T00:00:00Z", "-1m"}) {
+        const Result refused = Call("protect " + t + " --from -1h --to +1h --expires " + past);
+        EXPECT_NE(refused.status, 0) << past;
+        EXPECT_NE(refused.err.find("is not in the future"), std::string::npos) << refused.err;
+    }
+    EXPECT_EQ(Ok("protections")["protections"].size(), 3u);
 }
 
 TEST_F(LoopstoreCommandTest, VersionAndExitCodesAreInTheHelp) {

@@ -173,6 +173,53 @@ TEST(LoopRecordingFileManager, ProtectionsKeepBlocksOutOfTheLoop) {
     EXPECT_EQ(m->Append(Sec(7), Sec(1), 900).location.file, track.Files()[1]);
 }
 
+TEST(LoopRecordingFileManager, AProtectionHoldsTheBlocksRecordedLaterInItsRange) {
+    TrackFixture track(1, 6, 1000);
+    auto m = track.NewManagerWithFiles();
+    // Two chunks a file; block 1 (0 s .. 2 s) is being filled.
+    m->Append(Sec(0), Sec(1), 450);
+    m->Append(Sec(1), Sec(1), 450);
+    m->Protect(1, Sec(0.5), Sec(6));  // ends in the future
+    // Block 1 (2 s .. 4 s), block 2 (4 s .. 6 s) and block 3, opening at the
+    // end of the range, are held as they open; block 4 (8 s) is not.
+    for (int i = 2; i < 10; ++i)
+        m->Append(Sec(i), Sec(1), 450);
+    const std::set<TimePoint> held{Sec(0), Sec(2), Sec(4), Sec(6)};
+    EXPECT_EQ(m->GetProtections().at(1), held);
+    EXPECT_EQ(m->GetRecyclableKeys(), (std::set<TimePoint>{Sec(8)}));
+
+    // A range from inside the block being filled holds it, and the block
+    // that opens at the range's end.
+    m->Append(Sec(10), Sec(1), 450);  // opens block 5 on the last empty file
+    m->Protect(2, Sec(10.5), Sec(12));
+    m->Append(Sec(11), Sec(1), 450);
+    m->Append(Sec(12), Sec(1), 450);  // block 4 is recycled for block 6
+    EXPECT_EQ(m->GetProtections().at(2), (std::set<TimePoint>{Sec(10), Sec(12)}));
+    EXPECT_EQ(m->GetRecyclableKeys(), std::set<TimePoint>{});
+
+    // Every file is held: the writer gets the usual refusal, nothing is lost.
+    m->Append(Sec(13), Sec(1), 450);
+    EXPECT_NE(ThrownText([&] {
+                  m->Append(Sec(14), Sec(1), 450);
+              }).find("No more recyclable file available to store chunk at"),
+              std::string::npos);
+    EXPECT_EQ(m->GetBlocks().size(), 6u);
+
+    // Unprotect lifts the blocks added later too, and the range no longer
+    // holds what opens in it.
+    EXPECT_EQ(m->Unprotect(1), 4u);
+    EXPECT_EQ(m->Append(Sec(14), Sec(1), 450).location.file, track.Files()[0]);
+    EXPECT_EQ(m->Unprotect(2), 2u);
+
+    // A stored range reloaded on a track that lost its blocks still holds
+    // what is recorded in it afterwards.
+    m->Clear();
+    EXPECT_EQ(m->RestoreProtection(3, Sec(20), Sec(30)), 0u);
+    m->Append(Sec(25), Sec(1), 450);
+    EXPECT_EQ(m->GetProtections().at(3), std::set<TimePoint>{Sec(25)});
+    EXPECT_EQ(m->GetBeginningOfTrack(), TimePoint());
+}
+
 TEST(LoopRecordingFileManager, RemoveFilesGivesUnprotectedFilesBackFlaggedByContent) {
     TrackFixture track(1, 5, 1000);
     auto m = track.NewManagerWithFiles();

@@ -157,11 +157,15 @@ class TrackModel {
     // The next block's file: the oldest empty file, else the file of the
     // oldest unprotected block, which is dropped.
     std::optional<long> TakeFileForNewBlock();
+    // Every protection whose range the newest block lies in (overlapping it,
+    // or ending where the block starts) holds it, whenever it was recorded.
+    void HoldNewestBlock();
 
     const unsigned long fileSize_;
     ModelBlocks blocks_;
     std::deque<long> empty_;
     std::map<unsigned long, std::set<TimePoint>> protections_;
+    std::map<unsigned long, std::pair<TimePoint, TimePoint>> ranges_;
     TimePoint end_;
     TimePoint accumulated_;
     unsigned long counter_ = 0;
@@ -180,11 +184,13 @@ Refusal TrackModel::Append(TimePoint tp, TimePoint duration, unsigned long size,
         accumulated_ = TimePoint();
         first = true;
     } else if (RoomInLastBlock() < size) {
+        HoldNewestBlock();
         std::optional<long> file = TakeFileForNewBlock();
         if (!file)
             return "No more recyclable file";
         blocks_[tp].file = *file;
     }
+    const bool opened = blocks_.rbegin()->second.chunks.empty();
     // A chunk never starts before an existing block ends: the newest key is
     // the block that takes it.
     ModelBlock& block = blocks_.rbegin()->second;
@@ -194,7 +200,21 @@ Refusal TrackModel::Append(TimePoint tp, TimePoint duration, unsigned long size,
     ++counter_;
     accumulated_ += duration;
     end_ = tp + duration;
+    if (opened)
+        HoldNewestBlock();
     return "";
+}
+
+void TrackModel::HoldNewestBlock() {
+    auto& [key, block] = *blocks_.rbegin();
+    if (block.chunks.empty())
+        return;
+    for (const auto& [id, range] : ranges_) {
+        if (block.IsBetween(range.first, range.second) || block.In() == range.second) {
+            block.protections.insert(id);
+            protections_[id].insert(key);
+        }
+    }
 }
 
 std::optional<long> TrackModel::TakeFileForNewBlock() {
@@ -227,6 +247,7 @@ bool TrackModel::Protect(unsigned long id, TimePoint in, TimePoint out) {
     if (keys.empty())
         return false;
     protections_[id] = keys;
+    ranges_[id] = {in, out};
     return true;
 }
 
@@ -244,6 +265,7 @@ std::optional<unsigned long> TrackModel::Unprotect(unsigned long id) {
             ++freed;
     }
     protections_.erase(protection);
+    ranges_.erase(id);
     return freed;
 }
 
@@ -506,6 +528,8 @@ TimePoint RandomLoop::ProtectionEnd(TimePoint in) {
     auto later = model_.Blocks().upper_bound(in);
     std::advance(later,
                  std::min<int64_t>(Uniform(0, 2), std::distance(later, model_.Blocks().end())));
+    if (Uniform(0, 9) == 0)
+        return in + Ns(Uniform(1, 3'000'000'000));  // reaching blocks not recorded yet
     if (later == model_.Blocks().end() || Uniform(0, 3) == 0)
         return in + Ns(Uniform(0, 100'000'000));  // 0 ns: an empty range, refused
     return later->first + Ns(Uniform(-1, 1));

@@ -60,7 +60,7 @@ TEST(ProtectionDBOpen, CreatesExactlyTheSchemaOnceAndReopenKeepsRows) {
         (std::vector<std::string>{
             "protectionIndex: CREATE UNIQUE INDEX protectionIndex ON protections(protectionId)",
             "protections: CREATE TABLE protections(trackId INTEGER, protectionId INTEGER, "
-            "timepointIn INTEGER, timepointOut INTEGER)",
+            "timepointIn INTEGER, timepointOut INTEGER, label TEXT, expiresAt INTEGER)",
         }));
 
     LogCapture capture("ProtectionDB");
@@ -118,6 +118,37 @@ TEST(ProtectionDB, RowsRoundTripInInsertionOrderAndLookupsFindTheirTrack) {
     EXPECT_EQ(Ids(db.GetProtections()), (std::vector<long>{2, 9, 5}));
 }
 
+TEST(ProtectionDBOpen, AStoreMadeBeforeLabelsOpensWithItsRowsAndTakesTerms) {
+    TempDir dir;
+    {
+        Database old;
+        ASSERT_TRUE(old.Open(dir / "protections.db"));
+        old.Execute(
+            "CREATE TABLE protections(trackId INTEGER, protectionId INTEGER, timepointIn "
+            "INTEGER, timepointOut INTEGER)");
+        old.Execute("INSERT INTO protections VALUES (2, 7, 10, 20)");
+    }
+    const TimePoint expires = At(1'795'000'000'000'000'000);
+    {
+        LogCapture capture("ProtectionDB");
+        ProtectionDB db;
+        db.Open(dir.Path());
+        EXPECT_EQ(capture.Count("Adding column label to table \"protections\""), 1u);
+        EXPECT_EQ(db.GetProtections(), (std::vector<Entry>{{2, 7, At(10), At(20)}}));
+        db.Protect(2, 8, At(30), At(40), {"door", expires});
+        db.Protect(3, 9, At(30), At(40), {"", std::nullopt});
+    }
+    LogCapture capture("ProtectionDB");
+    ProtectionDB reopened;
+    reopened.Open(dir.Path());
+    EXPECT_EQ(capture.Count("Adding column"), 0u);
+    EXPECT_EQ(reopened.GetProtections(),
+              (std::vector<Entry>{{2, 7, At(10), At(20)},
+                                  {2, 8, At(30), At(40), {"door", expires}},
+                                  {3, 9, At(30), At(40)}}));
+    EXPECT_EQ(reopened.GetTrackIdFromProtectionId(8), 2);
+}
+
 TEST(ProtectionDB, LookupsLeaveNoStaleReadSnapshot) {
     TempDir dir;
     ProtectionDB db;
@@ -131,7 +162,7 @@ TEST(ProtectionDB, LookupsLeaveNoStaleReadSnapshot) {
     // A statement left on a row would pin the old snapshot and hide this.
     Database other;
     ASSERT_TRUE(other.Open(dir / "protections.db"));
-    other.Execute("INSERT INTO protections VALUES (6, 3, 0, 1)");
+    other.Execute("INSERT INTO protections VALUES (6, 3, 0, 1, 'x', NULL)");
     EXPECT_EQ(Ids(db.GetProtections()), (std::vector<long>{1, 2, 3}));
     EXPECT_EQ(db.GetTrackIdFromProtectionId(3), 6);
 }

@@ -72,7 +72,7 @@ TEST(Retention, MaxAgeOutlivesRestartsAndPurgesAtOnceAtStartUpAndPeriodically) {
     std::atomic<int64_t> now{int64_t{9} * kSecond};
     Storage s(8, false);
     // The background thread stays out of the way until the last part.
-    s.SetRetention([&] { return TimePoint::FromNanoseconds(now.load()); }, std::chrono::hours(1));
+    s.SetUpkeep([&] { return TimePoint::FromNanoseconds(now.load()); }, std::chrono::hours(1));
     s.Start();
     ASSERT_EQ(s.CreateTrack(1, 4), 1);
     RecordSeconds(s, 1, 0, 9);  // blocks 0, 3, 6
@@ -101,7 +101,7 @@ TEST(Retention, MaxAgeOutlivesRestartsAndPurgesAtOnceAtStartUpAndPeriodically) {
 
     // Periodically, never blocking a writer: the purged files take new chunks.
     s.Stop();
-    s.SetRetention([&] { return TimePoint::FromNanoseconds(now.load()); },
+    s.SetUpkeep([&] { return TimePoint::FromNanoseconds(now.load()); },
                    std::chrono::milliseconds(1));
     s.Start();
     RecordSeconds(s, 1, 30, 6);  // blocks 30, 33

@@ -53,7 +53,7 @@ long Storage::CreateTrack(long id, long files) {
 void Storage::Start() {
     factory_ =
         std::make_unique<LoopRecordingFileFactory>(LoopRecordingFileFactory::FactoryParameters{
-            TracksDir(), DbDir(), PoolDir(), clock_, retentionInterval_});
+            TracksDir(), DbDir(), PoolDir(), clock_, upkeepInterval_});
     service_.reset(factory_->Construct({"storage", "test client"}));
 }
 

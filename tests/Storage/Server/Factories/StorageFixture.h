@@ -22,6 +22,14 @@ class Storage {
     explicit Storage(int poolFiles, bool start = true);
     ~Storage();
 
+    // "Now" of protection expiries and retention, and the interval of the
+    // store's upkeep thread, for the next Start (the wall clock and one
+    // minute otherwise).
+    void SetUpkeep(std::function<Moreld::Time::TimePoint()> clock,
+                   std::chrono::milliseconds interval) {
+        clock_ = std::move(clock);
+        upkeepInterval_ = interval;
+    }
     // Builds the factory and its service (a start of the process).
     void Start();
     // Destroys them (a clean stop).
@@ -29,14 +37,6 @@ class Storage {
     void Restart() {
         Stop();
         Start();
-    }
-
-    // Retention's "now" and the interval of its background thread, for the
-    // next Start (the wall clock and one minute otherwise).
-    void SetRetention(std::function<Moreld::Time::TimePoint()> clock,
-                      std::chrono::milliseconds interval) {
-        clock_ = std::move(clock);
-        retentionInterval_ = interval;
     }
 
     LoopRecordingFileFactory& Factory() { return *factory_; }
@@ -62,7 +62,7 @@ class Storage {
     TempDir dir_;
     int poolFiles_;
     std::function<Moreld::Time::TimePoint()> clock_;
-    std::chrono::milliseconds retentionInterval_ = std::chrono::minutes(1);
+    std::chrono::milliseconds upkeepInterval_ = std::chrono::minutes(1);
     std::unique_ptr<LoopRecordingFileFactory> factory_;
     std::unique_ptr<MoreldStorageApi::Service> service_;
 };

@@ -169,14 +169,16 @@ class Workload {
         if (end <= 0)
             return;
         const int64_t from = end - Pick(1, 3) * kSecond;
+        // Half of them end in the future: they hold what is recorded next.
+        const int64_t length = Pick(0, 1) == 0 ? kSecond : end - from + Pick(1, 3) * kSecond;
         long id = 0;
         try {
-            s_.Tracks().Protect(track, Tp(from), Tp(kSecond), id);
+            s_.Tracks().Protect(track, Tp(from), Tp(length), id);
         } catch (const std::runtime_error&) {
             return;  // nothing recorded there any more
         }
         Log("P " + std::to_string(id) + " " + std::to_string(track) + " " + std::to_string(from) +
-            " " + std::to_string(from + kSecond));
+            " " + std::to_string(from + length));
     }
 
     // Sets a max age that the store's fixed clock turns into a cutoff a
@@ -277,6 +279,26 @@ std::set<int64_t> ScanTrack(Storage& s, long track) {
     return seen;
 }
 
+// Every saved chunk in the range of a protection lies in a block that the
+// protection holds, the chunks recorded after it was made included.
+void ExpectProtectionsHold(Storage& s, const CrashModel& model) {
+    for (const auto& [id, protection] : model.protections) {
+        const auto saved = model.saved.find(protection.track);
+        if (saved == model.saved.end())
+            continue;
+        const auto blocks = s.Factory().GetManagers().GetManager(protection.track)->GetBlocks();
+        for (auto chunk = saved->second.lower_bound(protection.from);
+             chunk != saved->second.end() && chunk->first < protection.to; ++chunk) {
+            auto block = blocks.upper_bound(Moreld::Time::TimePoint::FromNanoseconds(chunk->first));
+            ASSERT_NE(block, blocks.begin()) << "T" << protection.track << ": " << chunk->first;
+            --block;
+            EXPECT_TRUE(block->second.GetProtections().count(static_cast<unsigned long>(id)))
+                << "T" << protection.track << ": chunk at " << chunk->first
+                << " not held by protection " << id;
+        }
+    }
+}
+
 void ExpectModelHolds(Storage& s, const CrashModel& model) {
     ExpectFilesConserved(s);
     EXPECT_TRUE(model.wrongReads.empty()) << "the client read wrong bytes";
@@ -298,6 +320,7 @@ void ExpectModelHolds(Storage& s, const CrashModel& model) {
         listed.insert(info.protection_id());
     for (const auto& [id, protection] : model.protections)
         EXPECT_TRUE(listed.count(id)) << "protection " << id << " lost";
+    ExpectProtectionsHold(s, model);
     for (const auto& [key, value] : model.properties) {
         Protocol::PropertyList list;
         s.Tracks().GetTrackProperties(key.first, list);
@@ -324,7 +347,7 @@ TEST(StoreCrash, NothingAcknowledgedIsLostAcrossKillsAndPowerCuts) {
     std::mt19937_64 random(seed);
     Storage s(kPoolFiles);
     s.Stop();
-    s.SetRetention([] { return Moreld::Time::TimePoint::FromNanoseconds(kNow); },
+    s.SetUpkeep([] { return Moreld::Time::TimePoint::FromNanoseconds(kNow); },
                    std::chrono::minutes(1));
     PowerCutHarness harness(s.Dir().Path());
     const std::string log = s.Dir() / "model.log";

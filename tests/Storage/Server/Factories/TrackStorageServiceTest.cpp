@@ -1,8 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
+#include <stdexcept>
 
 #include "Platform/Logging/LogCapture.h"
+#include "Platform/Tools/SyncPoint.h"
 #include "tests/Storage/Server/Factories/StorageFixture.h"
 
 using loopstore::test::Storage;
@@ -326,4 +332,78 @@ TEST(TrackStorageService, InterruptedMovesAreFinishedAtTheNextStart) {
     EXPECT_TRUE(PropsOf(s, 4).empty());
     EXPECT_EQ(Remaining(s), 12 * kFile);
     ExpectFilesConserved(s);
+}
+
+TEST(TrackStorageService, ProtectionsCarryTermsAndExpireWhileOpenAndAtTheNextStart) {
+    std::atomic<int64_t> now{100 * kSecond};
+    auto clock = [&now] { return Moreld::Time::TimePoint::FromNanoseconds(now.load()); };
+    // The sweeps run every millisecond; the test counts them to know when
+    // one has looked at the clock after it was moved.
+    std::mutex mutex;
+    std::condition_variable swept;
+    int sweeps = 0;
+    auto& sync = Moreld::Tools::SyncPoint::Instance();
+    struct ClearSyncPoints {
+        ~ClearSyncPoints() { Moreld::Tools::SyncPoint::Instance().ClearAll(); }
+    } clearSyncPoints;  // after the store's sweeps stop, before the counters go
+    Storage s(8, false);
+    sync.SetCallback("PeriodicThread::Loop:Ran", [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++sweeps;
+        swept.notify_all();
+    });
+    auto waitTwoSweeps = [&] {
+        std::unique_lock<std::mutex> lock(mutex);
+        const int target = sweeps + 2;
+        swept.wait(lock, [&] { return sweeps >= target; });
+    };
+    s.SetUpkeep(clock, std::chrono::milliseconds(1));
+    s.Start();
+    s.CreateTrack(1, 3);
+    Record(s, 1, 0, 9);  // three chunks a file
+
+    Protocol::ProtectionTerms door;
+    door.set_label("door");
+    *door.mutable_expires() = At(200 * kSecond);
+    long first = 0, second = 0;
+    s.Tracks().ProtectWithTerms(1, At(0), At(kSecond), door, first);
+    Protocol::ProtectionTerms late;
+    *late.mutable_expires() = At(100 * kSecond);  // now: already due
+    long refused = 0;
+    try {
+        s.Tracks().ProtectWithTerms(1, At(3 * kSecond), At(kSecond), late, refused);
+        ADD_FAILURE() << "an expiry in the past was taken";
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("T1: Protection expiry"), std::string::npos);
+    }
+    *late.mutable_expires() = At(300 * kSecond);
+    s.Tracks().ProtectWithTerms(1, At(3 * kSecond), At(kSecond), late, second);
+    EXPECT_EQ(second, first + 1);  // the refusal issued no id
+
+    Protocol::ProtectionInfos infos;
+    s.Tracks().ListProtections(infos);
+    ASSERT_EQ(infos.infos_size(), 2);
+    EXPECT_EQ(infos.infos(0).label(), "door");
+    EXPECT_EQ(infos.infos(0).expires().nanoseconds(), 200 * kSecond);
+    EXPECT_EQ(infos.infos(1).label(), "");
+    EXPECT_EQ(infos.infos(1).expires().nanoseconds(), 300 * kSecond);
+
+    // Due while the store is open: lifted from the index too.
+    now = 250 * kSecond;
+    waitTwoSweeps();
+    s.Tracks().ListProtections(infos);
+    ASSERT_EQ(infos.infos_size(), 1);
+    EXPECT_EQ(infos.infos(0).protection_id(), second);
+    EXPECT_EQ(s.Factory().GetManagers().GetManager(1)->GetProtections().count(first), 0u);
+    EXPECT_EQ(Beginning(s, 1), 0);  // the first file is back in the loop
+
+    // Due while the store was closed: lifted as it opens, before any sweep.
+    s.Stop();
+    sync.ClearAll();
+    now = 400 * kSecond;
+    s.SetUpkeep(clock, std::chrono::hours(1));
+    s.Start();
+    s.Tracks().ListProtections(infos);
+    EXPECT_EQ(infos.infos_size(), 0);
+    EXPECT_TRUE(s.Factory().GetManagers().GetManager(1)->GetProtections().empty());
 }
