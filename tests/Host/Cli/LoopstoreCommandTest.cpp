@@ -11,9 +11,12 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <regex>
 #include <sstream>
@@ -26,6 +29,7 @@
 #include "Host/Rpc/Loopstore.grpc.pb.h"
 #include "Host/Server/LoopstoreServer.h"
 #include "Platform/Time/TimePoint.h"
+#include "Platform/Tools/SyncPoint.h"
 #include "tests/Support/TempDir.h"
 
 namespace loopstore::cli {
@@ -665,6 +669,30 @@ TEST_F(LoopstoreCommandTest, ExportedClipsPlayFromMidGopAcrossTheLoopAndAcrossGa
         EXPECT_EQ(entry.path().string().find("part"), std::string::npos) << entry.path();
     EXPECT_FALSE(fs::exists(dir_ / "empty.mp4"));
     EXPECT_FALSE(fs::exists(dir_ / "clip.mkv"));
+
+    // Interrupted once the clip is being written: the partial file goes.
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<int> sent{0};
+    auto& sync = Moreld::Tools::SyncPoint::Instance();
+    sync.SetCallback("RangeExporter::Sent", [&sent, released] {
+        if (++sent == 60)  // 12 s of stream: more than the demuxer reads to know it
+            released.wait();
+    });
+    const pid_t pid =
+        Spawn({"export", "--track", gapped, "--from", "2030-01-01T00:00:05Z", "--to",
+               "2030-01-01T00:01:10Z", "--output", dir_ / "stopped.mp4", "--server", address_});
+    ASSERT_GT(pid, 0);
+    const std::string partial = dir_ / (".stopped.mp4." + std::to_string(pid) + ".part");
+    for (int i = 0; i < 6000 && !fs::exists(partial); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // waits for the file only
+    EXPECT_TRUE(fs::exists(partial));
+    const int raw = Reap(pid, SIGINT);
+    release.set_value();
+    sync.ClearAll();
+    EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 128 + SIGINT) << raw;
+    EXPECT_FALSE(fs::exists(partial));
+    EXPECT_FALSE(fs::exists(dir_ / "stopped.mp4"));
 }
 
 }  // namespace
