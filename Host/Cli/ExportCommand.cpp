@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -48,6 +49,8 @@ Target ChooseFormat(const Args& a) {
                                          : media::ClipFormat::FromName(a.format);
     if (!format && !a.format.empty())
         throw CliError("unknown export format '" + a.format + "': mp4, ts or raw");
+    if (!format && a.output == "-")
+        throw CliError("give --format ts or raw to export to standard output");
     if (!format)
         throw CliError("cannot tell the format of " + a.output +
                        " from its name (.mp4, .ts, .m2ts): give --format mp4, ts or raw");
@@ -102,9 +105,11 @@ Written WriteRaw(StorageClient& client, int64_t track, TimePoint from, TimePoint
     return w;
 }
 
-Written WriteClip(StorageClient& client, const ClipExporter::Request& request, bool json) {
+// Progress runs to `until`: the end of the range, or of the track before it.
+Written WriteClip(StorageClient& client, const ClipExporter::Request& request, TimePoint until,
+                  bool json) {
     ExportProgress progress(std::cerr, !json && ::isatty(STDERR_FILENO) != 0,
-                            request.from.ToNanoseconds(), request.to.ToNanoseconds());
+                            request.from.ToNanoseconds(), until.ToNanoseconds());
     Written w;
     try {
         w.result = ClipExporter(client, progress).Export(request);
@@ -159,7 +164,8 @@ void Export(const ClientCommand<Args>& c) {
     auto client = c.client.Connect();
     client->RequireTrack(a.track);
     const TimePoint beginning = client->GetBeginningOfTrack(a.track);
-    RequireRecorded(a.track, from, to, beginning, client->GetEndOfTrack(a.track));
+    const TimePoint end = client->GetEndOfTrack(a.track);
+    RequireRecorded(a.track, from, to, beginning, end);
     std::optional<TemporaryOutput> temporary;
     if (!toStdout)
         temporary.emplace(a.output);
@@ -167,13 +173,13 @@ void Export(const ClientCommand<Args>& c) {
     if (target.clip) {
         const ClipExporter::Request request{
             a.track, from, to, *target.clip, toStdout ? "pipe:1" : temporary->Path(), beginning};
-        w = WriteClip(*client, request, c.client.json);
+        w = WriteClip(*client, request, std::min(to, end), c.client.json);
     } else {
         std::ofstream file;
         if (!toStdout) {
             file.open(temporary->Path(), std::ios::binary | std::ios::trunc);
             if (!file)
-                throw CliError("cannot create output file " + temporary->Path());
+                throw CliError("cannot create output file " + a.output);
         }
         w = WriteRaw(*client, a.track, from, to, toStdout ? std::cout : file);
     }
