@@ -498,7 +498,7 @@ TEST_F(LoopstoreCommandTest, AServerKilledWhileRecordingComesBackClean) {
     server = Spawn(serve);
     ASSERT_TRUE(waitUntilAnswering());
     const Result exported =
-        Call("export --track 1 --from -24h --to +24h --output " + (dir_ / "out"));
+        Call("export --track 1 --from -24h --to +24h --format raw --output " + (dir_ / "out"));
     EXPECT_EQ(exported.status, 0) << exported.err;
     EXPECT_GT(fs::file_size(dir_ / "out"), 0u);
     const int stopped = Reap(server, SIGTERM);
