@@ -55,7 +55,8 @@ ClipExporter::Result ClipExporter::Export(const Request& request) {
 std::optional<ClipExporter::Result> ClipExporter::Attempt(const Request& request, TimePoint back,
                                                           bool lastChance) {
     auto stream = client_.OpenExport(request.track, request.from - back, request.to + kTail);
-    ExportedBytes bytes(*stream, request.from, request.to);
+    ExportedBytes bytes([&stream](Protocol::Chunk& chunk) { return stream->Next(chunk); },
+                        request.from, request.to);
     std::optional<media::Demuxer> demuxer;
     try {
         demuxer.emplace(

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
-#include "Host/Cli/ExportStream.h"
 #include "Host/Cli/ProgramClock.h"
 #include "Platform/Plexa/Converter.h"
 
@@ -19,8 +19,8 @@ constexpr uint64_t kWrap = (uint64_t{1} << 33) - 1;
 
 }  // namespace
 
-ExportedBytes::ExportedBytes(ExportStream& stream, TimePoint from, TimePoint to)
-    : stream_(stream), from_(from), to_(to) {}
+ExportedBytes::ExportedBytes(NextChunkFunction next, TimePoint from, TimePoint to)
+    : next_(std::move(next)), from_(from), to_(to) {}
 
 size_t ExportedBytes::Read(uint8_t* buffer, size_t size) {
     while (used_ == chunk_.data().size()) {
@@ -34,7 +34,7 @@ size_t ExportedBytes::Read(uint8_t* buffer, size_t size) {
 }
 
 bool ExportedBytes::NextChunk() {
-    if (!stream_.Next(chunk_))
+    if (!next_(chunk_))
         return false;
     used_ = 0;
     const TimePoint time = Converter::From(chunk_.timepoint());

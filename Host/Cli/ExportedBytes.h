@@ -1,14 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "Platform/Protocol/Protocol.pb.h"
 #include "Platform/Time/TimePoint.h"
 
 namespace loopstore::cli {
-
-class ExportStream;
 
 // The payloads of exported chunks as one byte stream, for a demuxer, and
 // what the bytes are worth in time: when a packet starting at some byte is
@@ -22,7 +21,7 @@ class ExportStream;
 // interpolated within the chunk, which is early by the encoder's buffering
 // delay (under a second).
 //
-// Refers to the stream, which must outlive it. One thread at a time.
+// One thread at a time.
 class ExportedBytes {
   public:
     using TimePoint = Moreld::Time::TimePoint;
@@ -33,9 +32,13 @@ class ExportedBytes {
     // Shorter holes are clock rounding, not missing data.
     static constexpr TimePoint kMinGap = TimePoint::FromMilliseconds(1);
 
+    // Fills its argument with the next chunk, in time order; false at the
+    // end (ExportStream::Next).
+    using NextChunkFunction = std::function<bool(Protocol::Chunk&)>;
+
     // `from` and `to` bound the range asked for; chunks outside it (read
     // for the key frame before it, or past its end) are not counted.
-    ExportedBytes(ExportStream& stream, TimePoint from, TimePoint to);
+    ExportedBytes(NextChunkFunction next, TimePoint from, TimePoint to);
 
     // Copies up to `size` bytes; 0 at the end of the stream.
     size_t Read(uint8_t* buffer, size_t size);
@@ -68,7 +71,7 @@ class ExportedBytes {
     // Adds the piece of chunk_, found at offset_.
     void AddPiece(TimePoint time, TimePoint end);
 
-    ExportStream& stream_;
+    const NextChunkFunction next_;
     const TimePoint from_;
     const TimePoint to_;
     Protocol::Chunk chunk_;
