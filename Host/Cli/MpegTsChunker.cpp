@@ -2,15 +2,13 @@
 
 #include <algorithm>
 
+#include "Host/Cli/ProgramClock.h"
+
 namespace loopstore::cli {
 
 namespace {
 
 constexpr int64_t kMaxPcrStepNs = 10'000'000'000;
-
-uint8_t Byte(std::string_view s, size_t i) {
-    return static_cast<uint8_t>(s[i]);
-}
 
 }  // namespace
 
@@ -115,19 +113,11 @@ void MpegTsChunker::CutBySize(std::optional<int64_t> nextPcr) {
 }
 
 std::optional<int64_t> MpegTsChunker::PacketPcr(std::string_view p) {
-    const bool hasAdaptation = (Byte(p, 3) & 0x20) != 0;
-    if (!hasAdaptation || Byte(p, 4) < 7 || (Byte(p, 5) & 0x10) == 0)
+    const std::optional<ProgramClock> pcr = ProgramClock::Of(p);
+    if (!pcr || (pcrPid_ && *pcrPid_ != pcr->pid))
         return std::nullopt;
-    const int pid = ((Byte(p, 1) & 0x1f) << 8) | Byte(p, 2);
-    if (pcrPid_ && *pcrPid_ != pid)
-        return std::nullopt;
-    pcrPid_ = pid;
-    const uint64_t base = (uint64_t{Byte(p, 6)} << 25) | (uint64_t{Byte(p, 7)} << 17) |
-                          (uint64_t{Byte(p, 8)} << 9) | (uint64_t{Byte(p, 9)} << 1) |
-                          (Byte(p, 10) >> 7);
-    const uint64_t extension = ((uint64_t{Byte(p, 10)} & 1) << 8) | Byte(p, 11);
-    // 27 MHz ticks to nanoseconds.
-    return static_cast<int64_t>((base * 300 + extension) * 1000 / 27);
+    pcrPid_ = pcr->pid;
+    return pcr->Nanoseconds();
 }
 
 void MpegTsChunker::OnPcr(int64_t pcrNs) {

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "Host/Cli/CliError.h"
+#include "Host/Cli/ExportStream.h"
 #include "Host/Cli/ServerUnavailable.h"
 #include "Host/Cli/TrackWriteStream.h"
 #include "Host/Rpc/WireConstants.h"
@@ -43,25 +44,6 @@ std::shared_ptr<grpc::Channel> OpenChannel(const std::string& address) {
     arguments.SetMaxReceiveMessageSize(rpc::kMaxMessageBytes);
     arguments.SetMaxSendMessageSize(rpc::kMaxMessageBytes);
     return grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
-}
-
-std::string Metadata(const std::multimap<grpc::string_ref, grpc::string_ref>& metadata,
-                     const char* key) {
-    auto it = metadata.find(key);
-    return it == metadata.end() ? std::string() : std::string(it->second.data(), it->second.size());
-}
-
-StorageClient::Damaged ReadDamaged(
-    const std::multimap<grpc::string_ref, grpc::string_ref>& trailer) {
-    StorageClient::Damaged damaged;
-    const std::string count = Metadata(trailer, rpc::kDamagedRecordsKey);
-    if (count.empty())
-        return damaged;
-    damaged.count = std::stoull(count);
-    std::stringstream listed(Metadata(trailer, rpc::kDamagedAtKey));
-    for (std::string ns; std::getline(listed, ns, ',');)
-        damaged.at.push_back(Moreld::Time::TimePoint::FromNanoseconds(std::stoll(ns)));
-    return damaged;
 }
 
 std::string Track(int64_t id) {
@@ -308,30 +290,19 @@ std::unique_ptr<TrackWriteStream> StorageClient::OpenWriter(int64_t id) {
 uint64_t StorageClient::Export(int64_t id, TimePoint from, TimePoint to,
                                const std::function<void(const Protocol::Chunk&)>& onChunk,
                                Damaged* damaged) {
-    rpc::ExportRequest request;
-    request.set_track_id(id);
-    *request.mutable_from() = Converter::To(from);
-    *request.mutable_to() = Converter::To(to);
-    grpc::ClientContext context;
-    Prepare(context, false);
-    auto stream = reader_->Export(&context, request);
+    ExportStream stream(*this, *reader_, id, from, to);
     Protocol::Chunk chunk;
     uint64_t count = 0;
-    try {
-        while (stream->Read(&chunk)) {
-            onChunk(chunk);
-            ++count;
-        }
-    } catch (...) {
-        // A stream must be finished before it is destroyed.
-        context.TryCancel();
-        stream->Finish();
-        throw;
-    }
-    Check(stream->Finish(), "exporting " + Track(id));
+    for (; stream.Next(chunk); ++count)
+        onChunk(chunk);
+    const Damaged skipped = stream.Finish();
     if (damaged != nullptr)
-        *damaged = ReadDamaged(context.GetServerTrailingMetadata());
+        *damaged = skipped;
     return count;
+}
+
+std::unique_ptr<ExportStream> StorageClient::OpenExport(int64_t id, TimePoint from, TimePoint to) {
+    return std::make_unique<ExportStream>(*this, *reader_, id, from, to);
 }
 
 }  // namespace loopstore::cli

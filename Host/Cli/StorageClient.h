@@ -15,6 +15,7 @@
 
 namespace loopstore::cli {
 
+class ExportStream;
 class TrackWriteStream;
 
 // The command line's side of the loopstore protocol: one channel to a server
@@ -81,6 +82,8 @@ class StorageClient {
     uint64_t Export(int64_t id, TimePoint from, TimePoint to,
                     const std::function<void(const Protocol::Chunk&)>& onChunk,
                     Damaged* damaged = nullptr);
+    // The same call read chunk by chunk.
+    std::unique_ptr<ExportStream> OpenExport(int64_t id, TimePoint from, TimePoint to);
 
     // Fills `context` with the token; used by the streams.
     void Prepare(grpc::ClientContext& context, bool withDeadline) const;

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/SyncPoint.h"
 
 namespace loopstore::host {
 
@@ -52,6 +53,7 @@ long RangeExporter::Run(const Protocol::TimePoint& from, int64_t to,
             if (!send(chunk))
                 break;
             ++sent;
+            LOOPSTORE_SYNC_POINT("RangeExporter::Sent");
         }
         const Protocol::TimePoint current = at;
         reader_.NextTimePoint(current, at, more);

@@ -12,10 +12,12 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <regex>
 #include <sstream>
@@ -28,6 +30,8 @@
 #include "Host/Cli/SyntheticPayload.h"
 #include "Host/Rpc/Loopstore.grpc.pb.h"
 #include "Host/Server/LoopstoreServer.h"
+#include "Platform/Time/TimePoint.h"
+#include "Platform/Tools/SyncPoint.h"
 #include "tests/Support/TempDir.h"
 
 namespace loopstore::cli {
@@ -317,9 +321,9 @@ TEST_F(LoopstoreCommandTest, AProtectionHoldsWhatIsRecordedAfterItAcrossARestart
     EXPECT_EQ(Ok("track info " + t)["tracks"][0]["end"], "2030-01-01T00:00:14.000000000Z");
 
     const std::string output = dir_ / "held.bin";
-    const json exported =
-        Ok("export --track " + t +
-           " --from 2030-01-01T00:00:01Z --to 2030-01-01T00:00:03.4Z --output " + output);
+    const json exported = Ok(
+        "export --track " + t +
+        " --from 2030-01-01T00:00:01Z --to 2030-01-01T00:00:03.4Z --format raw --output " + output);
     EXPECT_EQ(exported["chunks"], 60);
     std::string expected;
     const auto start = Moreld::Time::TimePoint::FromString("2030-01-01T00:00:01Z");
@@ -388,9 +392,9 @@ TEST_F(LoopstoreCommandTest, MpegTsFromStdinIsCutOnPacketsAndExportedInOrder) {
     EXPECT_EQ(rec["to"], "2030-01-01T00:00:10.000000000Z");
     // Seconds 2 to 5: packets 200 to 499, whole chunks of 10 packets.
     const std::string output = dir_ / "out.ts";
-    const json exp =
-        Ok("export --track " + std::to_string(id) +
-           " --from 2030-01-01T00:00:02Z --to 2030-01-01T00:00:05Z --output " + output);
+    const json exp = Ok(
+        "export --track " + std::to_string(id) +
+        " --from 2030-01-01T00:00:02Z --to 2030-01-01T00:00:05Z --format raw --output " + output);
     EXPECT_EQ(exp["chunks"], 30);
     EXPECT_EQ(ReadFile(output), stream.substr(200 * 188, 300 * 188));
 }
@@ -489,9 +493,9 @@ TEST_F(LoopstoreCommandTest, ExportSkipsDamagedRecordsAndRecordCountsDroppedByte
     }
     StartServer();
     const std::string output = dir_ / "out.bin";
-    const Result exported =
-        Call("export --track " + t +
-             " --from 2030-01-01T00:00:00Z --to 2030-01-01T00:00:03Z --output " + output);
+    const Result exported = Call(
+        "export --track " + t +
+        " --from 2030-01-01T00:00:00Z --to 2030-01-01T00:00:03Z --format raw --output " + output);
     ASSERT_EQ(exported.status, 0) << exported.err;
     EXPECT_EQ(exported.Json()["chunks"], 74);
     EXPECT_EQ(exported.Json()["damaged"], 1);
@@ -601,7 +605,7 @@ TEST_F(LoopstoreCommandTest, AServerKilledWhileRecordingComesBackClean) {
     server = Spawn(serve);
     ASSERT_TRUE(waitUntilAnswering());
     const Result exported =
-        Call("export --track 1 --from -24h --to +24h --output " + (dir_ / "out"));
+        Call("export --track 1 --from -24h --to +24h --format raw --output " + (dir_ / "out"));
     EXPECT_EQ(exported.status, 0) << exported.err;
     EXPECT_GT(fs::file_size(dir_ / "out"), 0u);
     const int stopped = Reap(server, SIGTERM);
@@ -651,36 +655,151 @@ TEST_F(LoopstoreCommandTest, DemoPasses) {
     EXPECT_GT(summary["chunks_verified"].get<int64_t>(), 0);
 }
 
-// A real encoder's stream survives record and export: ffprobe reads the
-// exported middle range as video of about the range's duration.
-TEST_F(LoopstoreCommandTest, FfmpegStreamRecordsAndExportsPlayably) {
+// What ffprobe says of a file: its complaints, and per stream the frames it
+// decoded and the packets it read.
+struct Probe {
+    std::string errors;
+    json streams;
+    double duration = -1;
+};
+
+Probe ProbeFile(const std::string& file, const std::string& scratch) {
+    const std::string out = scratch + ".json", err = scratch + ".err";
+    std::system(("ffprobe -v error -count_frames -count_packets -show_entries "
+                 "stream=codec_type,nb_read_frames,nb_read_packets:format=duration -of json " +
+                 file + " > " + out + " 2> " + err)
+                    .c_str());
+    Probe probe;
+    probe.errors = ReadFile(err);
+    const json answer = json::parse(ReadFile(out), nullptr, false);
+    if (answer.is_discarded())
+        return probe;
+    probe.streams = answer.value("streams", json::array());
+    if (answer.contains("format") && answer["format"].contains("duration"))
+        probe.duration = std::stod(answer["format"]["duration"].get<std::string>());
+    return probe;
+}
+
+// A clean clip: no complaint, every packet decodes, a known duration near
+// `seconds`.
+void ExpectPlays(const std::string& file, const std::string& scratch, double seconds) {
+    const Probe probe = ProbeFile(file, scratch);
+    EXPECT_EQ(probe.errors, "") << file;
+    ASSERT_FALSE(probe.streams.empty()) << file;
+    for (const json& stream : probe.streams)
+        EXPECT_EQ(stream.value("nb_read_frames", "?"), stream.value("nb_read_packets", "!"))
+            << file << ": " << stream.dump();
+    EXPECT_EQ(probe.streams[0]["codec_type"], "video") << file;
+    EXPECT_NEAR(probe.duration, seconds, 0.3) << file;
+}
+
+double Seconds(const json& instant) {
+    return static_cast<double>(
+               Moreld::Time::TimePoint::FromString(instant.get<std::string>()).ToNanoseconds()) /
+           1e9;
+}
+
+// Clips cut from a real H.264 + AAC camera stream play: from mid-GOP, across
+// the loop of a recycled track, across a hole in the recording; and a range
+// with nothing in it leaves no file.
+TEST_F(LoopstoreCommandTest, ExportedClipsPlayFromMidGopAcrossTheLoopAndAcrossGaps) {
     if (!HasProgram("ffmpeg") || !HasProgram("ffprobe"))
         GTEST_SKIP() << "ffmpeg and ffprobe are not installed";
-    const std::string input = dir_ / "test.ts";
-    ASSERT_EQ(
-        std::system(("ffmpeg -loglevel error -f lavfi -i testsrc=duration=10:size=320x240:rate=25"
-                     " -c:v libx264 -g 25 -f mpegts " +
-                     input)
-                        .c_str()),
-        0);
-    StartServer();
-    const std::string t = std::to_string(static_cast<int64_t>(Ok("track create --size 4M")["id"]));
-    Ok("record --track " + t + " --input " + input +
-       " --chunk-duration 200ms --start 2030-01-01T00:00:00Z");
-    const std::string output = dir_ / "middle.ts";
-    Ok("export --track " + t + " --from 2030-01-01T00:00:03Z --to 2030-01-01T00:00:07Z --output " +
-       output);
-    const std::string probe = dir_ / "probe.txt";
-    ASSERT_EQ(std::system(("ffprobe -v error -select_streams v:0 -show_entries "
-                           "stream=codec_type:format=duration -of default=nw=1 " +
-                           output + " > " + probe)
+    const std::string input = dir_ / "camera.ts";
+    // 20 s at a constant 1 Mbit/s: some 2.9 MB.
+    ASSERT_EQ(std::system(("ffmpeg -loglevel error -f lavfi -i testsrc=duration=20:size=320x240:"
+                           "rate=25 -f lavfi -i sine=duration=20 -c:v libx264 -g 25 -b:v 1M "
+                           "-minrate 1M -maxrate 1M -bufsize 1M -x264-params nal-hrd=cbr "
+                           "-c:a aac -f mpegts " +
+                           input)
                               .c_str()),
               0);
-    const std::string text = ReadFile(probe);
-    EXPECT_NE(text.find("codec_type=video"), std::string::npos) << text;
-    const size_t at = text.find("duration=");
-    ASSERT_NE(at, std::string::npos) << text;
-    EXPECT_NEAR(std::stod(text.substr(at + 9)), 4.0, 0.2 + 0.2) << text;
+    StartServer();
+    // Two files of 1 MiB: the first one is recycled.
+    const std::string looped =
+        std::to_string(static_cast<int64_t>(Ok("track create --size 2M")["id"]));
+    const std::string record = " --input " + input + " --chunk-duration 200ms --start ";
+    Ok("record --track " + looped + record + "2030-01-01T00:00:00Z");
+    const json info = Ok("track info " + looped)["tracks"][0];
+    const double beginning = Seconds(info["beginning"]), end = Seconds(info["end"]);
+    ASSERT_GT(beginning, Seconds("2030-01-01T00:00:00Z")) << "the track did not loop";
+
+    // From 3.5 s into the oldest file to the end: the clip begins at the key
+    // frame shown at or before --from (one a second) and holds the chunks of
+    // the oldest file and of the recycled one after it.
+    const auto from =
+        Moreld::Time::TimePoint::FromNanoseconds(static_cast<int64_t>((beginning + 3.5) * 1e9));
+    for (const std::string name : {"loop.mp4", "loop.ts"}) {
+        const json clip = Ok("export --track " + looped + " --from " + from.ToString() + " --to " +
+                             info["end"].get<std::string>() + " --output " + (dir_ / name));
+        const double first = Seconds(clip["first"]);
+        EXPECT_LE(first, beginning + 3.5) << name;
+        EXPECT_GT(first, beginning + 3.5 - 1.05) << name;
+        EXPECT_TRUE(clip["gaps"].empty()) << clip.dump();
+        ExpectPlays(dir_ / name, dir_ / "probe", Seconds(clip["end"]) - first);
+        EXPECT_LT(Seconds(clip["end"]), end + 1) << name;
+    }
+
+    // The same stream twice, 40 s apart: the hole is reported and closed up.
+    const std::string gapped =
+        std::to_string(static_cast<int64_t>(Ok("track create --size 7M")["id"]));
+    Ok("record --track " + gapped + record + "2030-01-01T00:00:00Z");
+    Ok("record --track " + gapped + record + "2030-01-01T00:01:00Z");
+    const Result across = Call("export --track " + gapped +
+                               " --from 2030-01-01T00:00:13Z --to 2030-01-01T00:01:05Z --output " +
+                               (dir_ / "gap.mp4"));
+    ASSERT_EQ(across.status, 0) << across.err;
+    const json gaps = across.Json()["gaps"];
+    ASSERT_EQ(gaps.size(), 1u) << gaps.dump();
+    EXPECT_EQ(gaps[0]["to"], "2030-01-01T00:01:00.000000000Z");
+    EXPECT_NEAR(gaps[0]["seconds"].get<double>(),
+                60 - (Seconds(gaps[0]["from"]) - Seconds("2030-01-01T00:00:00Z")), 1e-6);
+    EXPECT_NE(across.err.find("gap in the recording"), std::string::npos) << across.err;
+    // About 7 s before the hole and 5 s after it.
+    ExpectPlays(dir_ / "gap.mp4", dir_ / "probe",
+                Seconds(across.Json()["end"]) - Seconds(across.Json()["first"]) -
+                    gaps[0]["seconds"].get<double>());
+
+    // Nothing recorded there: an error, and no file, not even a temporary one.
+    for (const std::string range : {"--from 2031-01-01T00:00:00Z --to 2031-01-01T00:01:00Z",
+                                    "--from 2030-01-01T00:00:30Z --to 2030-01-01T00:00:50Z"}) {
+        const Result empty =
+            Call("export --track " + gapped + " " + range + " --output " + (dir_ / "empty.mp4"));
+        EXPECT_NE(empty.status, 0) << range;
+        EXPECT_NE(empty.err.find("nothing recorded on track"), std::string::npos) << empty.err;
+    }
+    const Result unknown = Call("export --track " + gapped +
+                                " --from 2030-01-01T00:00:00Z --to 2030-01-01T00:00:05Z --output " +
+                                (dir_ / "clip.mkv"));
+    EXPECT_NE(unknown.err.find("give --format mp4, ts or raw"), std::string::npos) << unknown.err;
+    for (const auto& entry : fs::directory_iterator(dir_.Path()))
+        EXPECT_EQ(entry.path().string().find("part"), std::string::npos) << entry.path();
+    EXPECT_FALSE(fs::exists(dir_ / "empty.mp4"));
+    EXPECT_FALSE(fs::exists(dir_ / "clip.mkv"));
+
+    // Interrupted once the clip is being written: the partial file goes.
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<int> sent{0};
+    auto& sync = Moreld::Tools::SyncPoint::Instance();
+    sync.SetCallback("RangeExporter::Sent", [&sent, released] {
+        if (++sent == 60)  // 12 s of stream: more than the demuxer reads to know it
+            released.wait();
+    });
+    const pid_t pid =
+        Spawn({"export", "--track", gapped, "--from", "2030-01-01T00:00:05Z", "--to",
+               "2030-01-01T00:01:10Z", "--output", dir_ / "stopped.mp4", "--server", address_});
+    ASSERT_GT(pid, 0);
+    const std::string partial = dir_ / (".stopped.mp4." + std::to_string(pid) + ".part");
+    for (int i = 0; i < 6000 && !fs::exists(partial); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // waits for the file only
+    EXPECT_TRUE(fs::exists(partial));
+    const int raw = Reap(pid, SIGINT);
+    release.set_value();
+    sync.ClearAll();
+    EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 128 + SIGINT) << raw;
+    EXPECT_FALSE(fs::exists(partial));
+    EXPECT_FALSE(fs::exists(dir_ / "stopped.mp4"));
 }
 
 // Live input through a pipe is stamped by the wall clock: never ahead of
