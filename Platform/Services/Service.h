@@ -7,6 +7,7 @@
 #include "Platform/Services/ITrackReaderFactory.h"
 #include "Platform/Services/ITrackRetention.h"
 #include "Platform/Services/ITrackStorage.h"
+#include "Platform/Services/ITrackTimeline.h"
 #include "Platform/Services/ITrackWriterFactory.h"
 
 namespace MoreldStorageApi {
@@ -38,10 +39,17 @@ class Service : public Moreld::Services::IService {
         trackRetention = std::move(object);
     }
 
+    // Optional: a storage that cannot answer from its index leaves it empty.
+    void SetTrackTimeline(std::unique_ptr<ITrackTimeline> object) {
+        trackTimeline.reset();
+        trackTimeline = std::move(object);
+    }
+
     std::unique_ptr<ITrackStorage> trackStorage;
     std::unique_ptr<ITrackWriterFactory> trackWriterFactory;
     std::unique_ptr<ITrackReaderFactory> trackReaderFactory;
     std::unique_ptr<ITrackRetention> trackRetention;
+    std::unique_ptr<ITrackTimeline> trackTimeline;
 };
 
 }  // namespace MoreldStorageApi
