@@ -4,14 +4,16 @@
 
 namespace Moreld::Tools {
 
-// Holds a Mutex from construction to destruction. unlock() and lock() let
-// go of it and take it again in between (std::condition_variable_any waits
-// through them); the destructor releases it only if held.
+// Holds a lock exclusively from construction to destruction: a Mutex, or a
+// shared mutex as its writer (WriterLock). unlock() and lock() let go of it
+// and take it again in between (std::condition_variable_any waits through
+// them); the destructor releases it only if held.
 //
 // Not thread-safe: one thread owns the object.
+template <typename Lockable = Mutex>
 class SCOPED_CAPABILITY MutexLock {
   public:
-    explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+    explicit MutexLock(Lockable& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
     ~MutexLock() RELEASE() {
         if (held_)
             mutex_.unlock();
@@ -29,7 +31,7 @@ class SCOPED_CAPABILITY MutexLock {
     }
 
   private:
-    Mutex& mutex_;
+    Lockable& mutex_;
     bool held_ = true;
 };
 
