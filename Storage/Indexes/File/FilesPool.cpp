@@ -12,6 +12,7 @@
 #include "Platform/File/ExtendedAttributes.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Tools/DirectoryParser.h"
+#include "Platform/Tools/MutexLock.h"
 #include "Platform/Tools/PrintIntegers.h"
 #include "Platform/Tools/SyncPoint.h"
 #include "Storage/Indexes/File/ExtendedAttributeNames.h"
@@ -41,7 +42,7 @@ FilesPool::FilesPool()
 FilesPool::~FilesPool() = default;
 
 std::vector<ChunkFile> FilesPool::OpenDatabase(const std::string& directory) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     // A database that failed to open is still treated as open: every later
     // statement then fails loudly in the SQLite wrapper instead of silently
     // doing nothing.
@@ -160,7 +161,7 @@ void FilesPool::RecoverMovedFile(const ChunkFile& file) {
 }
 
 void FilesPool::LinkToDirectory(const std::string& poolDirectory) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     if (!dbOpen_) {
         Refuse("Cannot link to directory " + poolDirectory + ": open database first");
     }
@@ -233,7 +234,7 @@ FilesPool::FileSet FilesPool::ScanPoolDirectory(const std::string& poolDirectory
 }
 
 void FilesPool::SetTrackDirectory(const std::string& tracksRoot) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     if (!dbOpen_) {
         Refuse("Cannot set track directories " + tracksRoot + ": open database first");
     }
@@ -253,7 +254,7 @@ unsigned long FilesPool::MoveFiles(long trackId, unsigned long size, std::vector
                                    unsigned long waitMs) {
     // Held from the first check on, so that nothing changes between the
     // checks and the move.
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     if (files_.empty()) {
         Refuse("FilesPool: There is no file available to move on " + poolDirectory_);
     }
@@ -391,7 +392,7 @@ unsigned long FilesPool::RenameToTrack(const std::vector<ChunkFile>& moved, unsi
 }
 
 void FilesPool::RestoreFiles(const std::vector<ChunkFile>& files, unsigned long waitMs) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     if (files.empty()) {
         MR_LOG(logger_, 20, "No files specified when RestoreFiles");
         return;
@@ -485,7 +486,7 @@ void FilesPool::Wait(unsigned long waitMs) {
 }
 
 std::vector<ChunkFile> FilesPool::GetMovedFiles(long trackId) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     std::vector<ChunkFile> lent;
     for (const ChunkFile& file : files_) {
         if (file.GetDirectoryNumber() == trackId) {
@@ -496,12 +497,12 @@ std::vector<ChunkFile> FilesPool::GetMovedFiles(long trackId) const {
 }
 
 std::vector<ChunkFile> FilesPool::GetFiles() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     return std::vector<ChunkFile>(files_.begin(), files_.end());
 }
 
 bool FilesPool::IsStateCoherent() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     for (const ChunkFile& file : files_) {
         const bool inPool = file.GetDirectoryNumber() == 0;
         const std::string path = inPool ? file.GetAbsoluteFileName(poolDirectory_, true)
@@ -518,7 +519,7 @@ bool FilesPool::IsStateCoherent() const {
 }
 
 void FilesPool::CloseMoveFilesTransaction() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     db_.CloseMoveTransaction();
 }
 
@@ -532,11 +533,11 @@ void FilesPool::Refuse(const std::string& message) const {
 }
 
 bool FilesPool::IsLinked() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     return !poolDirectory_.empty();
 }
 
 std::string FilesPool::GetTrackDirectory() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     return tracksRoot_;
 }

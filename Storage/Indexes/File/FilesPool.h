@@ -2,12 +2,12 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "Platform/Logging/Logger.h"
+#include "Platform/Tools/Mutex.h"
 #include "Storage/Indexes/File/ChunkFile.h"
 #include "Storage/Indexes/SQLite/PoolDB.h"
 
@@ -161,16 +161,16 @@ class FilesPool {
     static ChunkFile& Entry(FileSet::iterator it) { return const_cast<ChunkFile&>(*it); }
     [[noreturn]] void Refuse(const std::string& message) const;
 
-    mutable std::mutex mutex_;
-    PoolDB db_;                  // guarded by mutex_
-    bool dbOpen_ = false;        // guarded by mutex_
-    std::string poolDirectory_;  // guarded by mutex_
-    std::string tracksRoot_;     // guarded by mutex_
-    FileSet files_;              // guarded by mutex_
+    mutable Moreld::Tools::Mutex mutex_;
+    PoolDB db_ GUARDED_BY(mutex_);
+    bool dbOpen_ GUARDED_BY(mutex_) = false;
+    std::string poolDirectory_ GUARDED_BY(mutex_);
+    std::string tracksRoot_ GUARDED_BY(mutex_);
+    FileSet files_ GUARDED_BY(mutex_);
     // Where the next search for free files starts; end() only while empty.
     // The set never changes shape once filled, so it stays valid.
-    FileSet::iterator cursor_;  // guarded by mutex_
-    uint64_t fileSize_ = 0;     // guarded by mutex_
+    FileSet::iterator cursor_ GUARDED_BY(mutex_);
+    uint64_t fileSize_ GUARDED_BY(mutex_) = 0;
 
     std::atomic<uint64_t> nbMovedFiles_{0};
     std::atomic<uint64_t> remainingSpace_{0};

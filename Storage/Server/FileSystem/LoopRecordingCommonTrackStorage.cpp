@@ -6,6 +6,7 @@
 
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Plexa/Converter.h"
+#include "Platform/Tools/MutexLock.h"
 #include "Storage/Server/FileSystem/ProtectionTermsCodec.h"
 
 using Moreld::Plexa::Converter;
@@ -201,7 +202,7 @@ void LoopRecordingCommonTrackStorage::DeleteTrack(const long& id, Protocol::Trac
         // No reader or writer may open on the track while it goes away.
         Monitoring& monitoring = RequireMonitoring(
             "Monitoring not set for LoopRecordingCommonTrackStorage in DeleteTrack");
-        std::lock_guard<std::mutex> track(monitoring.GetMutex(id));
+        Moreld::Tools::MutexLock track(monitoring.GetMutex(id));
         const auto workers = monitoring.GetNumberWorkers(id);
         if (workers != 0) {
             throw std::runtime_error(Concat("T", id, ": Cannot DeleteTrack, there are still ",
@@ -288,7 +289,7 @@ void LoopRecordingCommonTrackStorage::GetTrackInfos(const Protocol::Ids& ids,
     Monitoring& monitoring = RequireMonitoring("Monitoring not set, cannot call GetTrackInfos");
     std::lock_guard<std::mutex> lock(accessMutex_);
     for (long id : ids.ids()) {
-        std::lock_guard<std::mutex> track(monitoring.GetMutex(id));
+        Moreld::Tools::MutexLock track(monitoring.GetMutex(id));
         if (!managers_.Exists(id))
             continue;
         LoopRecordingFileManager& manager = *managers_.GetManager(id);
@@ -530,7 +531,7 @@ void LoopRecordingCommonTrackStorage::SetTrackMaxAge(const long& id, const TimeP
     Monitoring& monitoring = RequireMonitoring("Monitoring not set, cannot call SetTrackMaxAge");
     std::lock_guard<std::mutex> lock(accessMutex_);
     // Deletion holds the track's mutex: the track cannot go meanwhile.
-    std::lock_guard<std::mutex> track(monitoring.GetMutex(id));
+    Moreld::Tools::MutexLock track(monitoring.GetMutex(id));
     if (!managers_.Exists(id)) {
         std::string msg = Concat("Track ", id, " does not exist to set its max age");
         MR_LOG(logger_, 30, msg);
@@ -546,7 +547,7 @@ size_t LoopRecordingCommonTrackStorage::PurgeExpiredContent() {
     const TimePoint now = retention_.Now();
     size_t files = 0;
     for (long id : managers_.GetTrackIds()) {
-        std::lock_guard<std::mutex> track(monitoring.GetMutex(id));
+        Moreld::Tools::MutexLock track(monitoring.GetMutex(id));
         if (managers_.Exists(id))
             files += retention_.Purge(id, *managers_.GetManager(id), now);
     }
