@@ -4,7 +4,10 @@
 #include <stdexcept>
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/MutexLock.h"
+#include "Platform/Tools/ReaderLock.h"
 #include "Platform/Tools/SyncPoint.h"
+#include "Platform/Tools/WriterLock.h"
 #include "Storage/Indexes/Ram/TrackAgePurge.h"
 #include "Storage/Indexes/Ram/TrackIndexRecovery.h"
 
@@ -12,8 +15,8 @@ using Moreld::Time::TimePoint;
 
 namespace {
 
-using SharedLock = std::shared_lock<std::shared_mutex>;
-using UniqueLock = std::unique_lock<std::shared_mutex>;
+using SharedLock = Moreld::Tools::ReaderLock<>;
+using UniqueLock = Moreld::Tools::WriterLock<>;
 
 // Every chunk file starts with a header of this size; a block's first chunk
 // lies right after it.
@@ -114,14 +117,14 @@ LoopRecordingFileManager::FileChoice LoopRecordingFileManager::ChooseFileForNewB
         throw std::runtime_error(msg);
     }
     const TimePoint key = *recyclableKeys_.begin();
-    auto it = blocks_.find(key);  // safe under filesMutex_: see Append
-    if (it == blocks_.end()) {
+    const FileSystem::Block* recycled = FindBlockUnderFilesLock(key);
+    if (recycled == nullptr) {
         std::string msg = Concat("T", trackId_, ": Could not find recycled block timepoint ", key,
                                  " to store chunk at ", tp);
         MR_LOG(logger_, 50, msg);
         throw std::runtime_error(msg);
     }
-    choice.file = it->second.GetChunkFile();
+    choice.file = recycled->GetChunkFile();
     choice.file.SetFromEmptyFile(false);
     choice.recycled = true;
     choice.recycledKey = key;
@@ -139,9 +142,15 @@ void LoopRecordingFileManager::ForgetRecycledFile(const ChunkFile& file) {
     // that happens before its new chunks are saved. The track database's
     // commits are durable, and this one must be before the file's first new
     // record is written, as those may reach the disk at any moment.
-    std::lock_guard<std::mutex> db(dbMutex_);
+    Moreld::Tools::MutexLock db(dbMutex_);
     trackDb_.RemoveAndAddAsEmptyFile(file);
     LOOPSTORE_SYNC_POINT("LoopRecordingFileManager::ForgetRecycledFile:Committed");
+}
+
+const FileSystem::Block* LoopRecordingFileManager::FindBlockUnderFilesLock(
+    const TimePoint& key) const {
+    auto it = blocks_.find(key);
+    return it == blocks_.end() ? nullptr : &it->second;
 }
 
 void LoopRecordingFileManager::ReleaseRecycledBlock(const FileChoice& choice) {
@@ -502,7 +511,7 @@ bool LoopRecordingFileManager::HasFile(const ChunkFile& file) {
     {
         // The database, not the RAM queue, is asked: a file handed to the
         // track counts once it is recorded there.
-        std::lock_guard<std::mutex> db(dbMutex_);
+        Moreld::Tools::MutexLock db(dbMutex_);
         empties = trackDb_.GetAllEmptyFiles();
     }
     for (const ChunkFile& empty : empties) {
@@ -523,7 +532,7 @@ bool LoopRecordingFileManager::HasFile(const ChunkFile& file) {
 void LoopRecordingFileManager::InsertFiles(const std::vector<ChunkFile>& files) {
     UniqueLock lock(filesMutex_);
     {
-        std::lock_guard<std::mutex> db(dbMutex_);
+        Moreld::Tools::MutexLock db(dbMutex_);
         trackDb_.AddEmptyFiles(files);
     }
     unsigned long bytes = 0;
@@ -622,7 +631,7 @@ bool LoopRecordingFileManager::RemoveFromEmptyFiles(const ChunkFile& file) {
         if (*it == file) {
             maxTrackSize_ -= static_cast<unsigned long>(it->Size());
             emptyFiles_.erase(it);
-            std::lock_guard<std::mutex> db(dbMutex_);
+            Moreld::Tools::MutexLock db(dbMutex_);
             trackDb_.RemoveEmptyFile(file);
             return true;
         }
@@ -680,7 +689,7 @@ void LoopRecordingFileManager::Clear() {
     }
     recyclableKeys_.clear();
     {
-        std::lock_guard<std::mutex> db(dbMutex_);
+        Moreld::Tools::MutexLock db(dbMutex_);
         trackDb_.Clear(cleared);
     }
     AdaptBeginningOfTrack();
@@ -859,7 +868,7 @@ void LoopRecordingFileManager::UnregisterProtectionObserver(IProtectionObserver*
 
 void LoopRecordingFileManager::OpenDatabase(const std::string& directory) {
     TrackIndexRecovery(*this).OpenDatabase(directory);
-    std::lock_guard<std::mutex> db(dbMutex_);
+    Moreld::Tools::MutexLock db(dbMutex_);
     maxAge_ = trackDb_.GetMaxAge();
 }
 
@@ -873,7 +882,7 @@ void LoopRecordingFileManager::SaveAndRemove(const std::vector<FileSystem::Chunk
     SharedLock files(filesMutex_);
     const std::vector<FileSystem::Chunk> indexed = StillIndexed(chunks);
     LOOPSTORE_SYNC_POINT("LoopRecordingFileManager::SaveAndRemove:Checked");
-    std::lock_guard<std::mutex> db(dbMutex_);
+    Moreld::Tools::MutexLock db(dbMutex_);
     trackDb_.SaveAndRemove(indexed);
 }
 
@@ -910,25 +919,25 @@ void LoopRecordingFileManager::EndWriting() {
 }
 
 void LoopRecordingFileManager::RemoveFiles(const std::vector<ChunkFile>& files) {
-    std::lock_guard<std::mutex> db(dbMutex_);
+    Moreld::Tools::MutexLock db(dbMutex_);
     trackDb_.RemoveFiles(files);
 }
 
 void LoopRecordingFileManager::DestroyDatabase() {
-    std::lock_guard<std::mutex> db(dbMutex_);
+    Moreld::Tools::MutexLock db(dbMutex_);
     trackDb_.Destroy();
 }
 
 void LoopRecordingFileManager::SetActiveMode(bool active) {
     UniqueLock files(filesMutex_);
-    std::lock_guard<std::mutex> db(dbMutex_);
+    Moreld::Tools::MutexLock db(dbMutex_);
     if (trackDb_.IsOpen())
         trackDb_.SetActiveMode(active);
 }
 
 bool LoopRecordingFileManager::IsActive() {
     UniqueLock files(filesMutex_);
-    std::lock_guard<std::mutex> db(dbMutex_);
+    Moreld::Tools::MutexLock db(dbMutex_);
     return trackDb_.IsOpen() && trackDb_.IsActive();
 }
 

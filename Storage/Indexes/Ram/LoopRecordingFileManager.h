@@ -4,15 +4,15 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
 #include "Platform/Logging/Logger.h"
 #include "Platform/Time/TimePoint.h"
+#include "Platform/Tools/Mutex.h"
+#include "Platform/Tools/SharedMutex.h"
 #include "Storage/Indexes/File/ChunkFile.h"
 #include "Storage/Indexes/Ram/Block.h"
 #include "Storage/Indexes/Ram/IChunkProtectionFactory.h"
@@ -69,8 +69,8 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
                                     const TimePoint& duration, unsigned long size);
     // Adds a block read back from the database (taken by value: a caller that
     // is done with its block moves it in). The caller holds what it needs.
-    bool IndexBlock(FileSystem::Block block);
-    void AdaptBeginningOfTrack();
+    bool IndexBlock(FileSystem::Block block) REQUIRES(filesMutex_, indexMutex_);
+    void AdaptBeginningOfTrack() REQUIRES_SHARED(filesMutex_);
 
     // --- Lookup and navigation (any thread) ---
     ChunkHandle Lookup(TimePoint tp) override;
@@ -170,52 +170,62 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
         TimePoint recycledKey;
     };
 
-    FileChoice ChooseFileForNewBlock(const TimePoint& tp, unsigned long size);
-    void ReleaseRecycledBlock(const FileChoice& choice);
+    FileChoice ChooseFileForNewBlock(const TimePoint& tp, unsigned long size) REQUIRES(filesMutex_);
+    // The block at `key`, read with filesMutex_ alone held: only the
+    // appending thread adds blocks and every operation that erases one holds
+    // filesMutex_ too, so the map keeps its shape meanwhile. The analysis
+    // knows one guard per member, hence its exemption here.
+    const FileSystem::Block* FindBlockUnderFilesLock(const TimePoint& key) const
+        REQUIRES_SHARED(filesMutex_) NO_THREAD_SAFETY_ANALYSIS;
+    void ReleaseRecycledBlock(const FileChoice& choice) REQUIRES(filesMutex_, indexMutex_);
     FileSystem::Chunk OpenBlock(const FileChoice& choice, const TimePoint& tp,
-                                const TimePoint& duration, unsigned long size);
+                                const TimePoint& duration, unsigned long size)
+        REQUIRES(filesMutex_, indexMutex_);
     void ForgetRecycledFile(const ChunkFile& file);
     FileSystem::Chunk AppendInBlockLocked(FileSystem::Block& block, const TimePoint& tp,
-                                          const TimePoint& duration, unsigned long size);
-    void CountAppended(const FileSystem::Chunk& chunk);
+                                          const TimePoint& duration, unsigned long size)
+        REQUIRES(indexMutex_);
+    void CountAppended(const FileSystem::Chunk& chunk) REQUIRES(indexMutex_);
     void NoteFileSize(const ChunkFile& file);
-    void NotePlaced(const ChunkFile& file);
-    bool IsBeingWritten(const ChunkFile& file) const;
+    void NotePlaced(const ChunkFile& file) REQUIRES(indexMutex_);
+    bool IsBeingWritten(const ChunkFile& file) const REQUIRES_SHARED(indexMutex_);
     std::vector<FileSystem::Chunk> StillIndexed(const std::vector<FileSystem::Chunk>& chunks) const;
-    void LogProgress(const FileSystem::Block& last);
+    void LogProgress(const FileSystem::Block& last) REQUIRES_SHARED(indexMutex_);
     void CheckFactory() const;
     ChunkHandle MakeHandle(const FileSystem::Chunk& chunk) const;
     std::map<TimePoint, FileSystem::Block>::const_iterator BlockAtOrBefore(
-        const TimePoint& tp) const;
-    std::vector<ChunkFile> RemoveEmptyFilesUpTo(unsigned long size, unsigned long& taken);
-    std::vector<ChunkFile> RemoveBlocksUpTo(unsigned long size, unsigned long& taken);
+        const TimePoint& tp) const REQUIRES_SHARED(indexMutex_);
+    std::vector<ChunkFile> RemoveEmptyFilesUpTo(unsigned long size, unsigned long& taken)
+        REQUIRES(filesMutex_) REQUIRES_SHARED(indexMutex_);
+    std::vector<ChunkFile> RemoveBlocksUpTo(unsigned long size, unsigned long& taken)
+        REQUIRES(filesMutex_, indexMutex_);
     size_t ProtectRange(long id, const TimePoint& in, const TimePoint& out, bool mayHoldNothing);
     // Has the protections whose range the newest block lies in hold it.
-    // With filesMutex_ and indexMutex_ held exclusively.
-    void HoldNewestBlockLocked();
-    std::vector<ChunkFile> ProtectBlocks(long id, const TimePoint& in, const TimePoint& out);
-    bool RemoveFromEmptyFiles(const ChunkFile& file);
-    bool RemoveBlockOfFile(const ChunkFile& file);
+    void HoldNewestBlockLocked() REQUIRES(filesMutex_, indexMutex_);
+    std::vector<ChunkFile> ProtectBlocks(long id, const TimePoint& in, const TimePoint& out)
+        REQUIRES(filesMutex_);
+    bool RemoveFromEmptyFiles(const ChunkFile& file) REQUIRES(filesMutex_);
+    bool RemoveBlockOfFile(const ChunkFile& file) REQUIRES(filesMutex_, indexMutex_);
 
     const long trackId_;
     tav::mr::logging::Logger logger_;
 
-    mutable std::shared_mutex filesMutex_;
-    std::deque<ChunkFile> emptyFiles_;                          // guarded by filesMutex_
-    std::set<TimePoint> recyclableKeys_;                        // guarded by filesMutex_
-    std::map<unsigned long, std::set<TimePoint>> protections_;  // guarded by filesMutex_
-    ProtectionRanges protectionRanges_;                         // guarded by filesMutex_
-    std::set<IProtectionObserver*> protectionObservers_;        // guarded by filesMutex_
-    bool loopRecording_ = true;                                 // guarded by filesMutex_
+    mutable Moreld::Tools::SharedMutex filesMutex_ ACQUIRED_BEFORE(indexMutex_, dbMutex_);
+    std::deque<ChunkFile> emptyFiles_ GUARDED_BY(filesMutex_);
+    std::set<TimePoint> recyclableKeys_ GUARDED_BY(filesMutex_);
+    std::map<unsigned long, std::set<TimePoint>> protections_ GUARDED_BY(filesMutex_);
+    ProtectionRanges protectionRanges_ GUARDED_BY(filesMutex_);
+    std::set<IProtectionObserver*> protectionObservers_ GUARDED_BY(filesMutex_);
+    bool loopRecording_ GUARDED_BY(filesMutex_) = true;
 
-    mutable std::shared_mutex indexMutex_;
-    std::map<TimePoint, FileSystem::Block> blocks_;  // guarded by indexMutex_
-    long chunkCounter_ = 0;                          // guarded by indexMutex_
-    bool writing_ = false;                           // guarded by indexMutex_
-    std::optional<ChunkFile> fileBeingWritten_;      // guarded by indexMutex_
+    mutable Moreld::Tools::SharedMutex indexMutex_ ACQUIRED_BEFORE(dbMutex_);
+    std::map<TimePoint, FileSystem::Block> blocks_ GUARDED_BY(indexMutex_);
+    long chunkCounter_ GUARDED_BY(indexMutex_) = 0;
+    bool writing_ GUARDED_BY(indexMutex_) = false;
+    std::optional<ChunkFile> fileBeingWritten_ GUARDED_BY(indexMutex_);
 
-    std::mutex dbMutex_;
-    TrackDB trackDb_;  // guarded by dbMutex_
+    Moreld::Tools::Mutex dbMutex_;
+    TrackDB trackDb_ GUARDED_BY(dbMutex_);
 
     // Written by the appending thread (or under the locks above), read anywhere.
     std::atomic<unsigned long> maxTrackSize_{0};

@@ -1,20 +1,20 @@
 #include "Storage/Indexes/Ram/TrackIndexRecovery.h"
 
 #include <algorithm>
-#include <mutex>
-#include <shared_mutex>
 #include <sstream>
 #include <stdexcept>
 
 #include "Platform/File/DataChunkFileAppender.h"
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/MutexLock.h"
+#include "Platform/Tools/WriterLock.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 
 using Moreld::Time::TimePoint;
 
 namespace {
 
-using UniqueLock = std::unique_lock<std::shared_mutex>;
+using UniqueLock = Moreld::Tools::WriterLock<>;
 
 // Every chunk file starts with a header of this size.
 constexpr unsigned long kFileHeaderSize = 16;
@@ -29,7 +29,7 @@ std::string Concat(const Parts&... parts) {
 }  // namespace
 
 void TrackIndexRecovery::LoadEmptyFiles() {
-    std::lock_guard<std::mutex> db(m_.dbMutex_);
+    Moreld::Tools::MutexLock db(m_.dbMutex_);
     std::vector<ChunkFile> blockFiles;
     for (const auto& [key, block] : m_.blocks_)
         blockFiles.push_back(block.GetChunkFile());
@@ -61,14 +61,16 @@ void TrackIndexRecovery::LoadEmptyFiles() {
 // block is built at its final size.
 void TrackIndexRecovery::LoadBlocks(unsigned long& chunkCount) {
     std::vector<FileSystem::Chunk> rows;
-    std::lock_guard<std::mutex> db(m_.dbMutex_);
-    m_.trackDb_.ForEachChunk([&](const FileSystem::Chunk& chunk) {
-        if (!rows.empty() && rows.front().location.file != chunk.location.file) {
-            chunkCount += IndexFileRows(rows);
-            rows.clear();
-        }
-        rows.push_back(chunk);
-    });
+    Moreld::Tools::MutexLock db(m_.dbMutex_);
+    // The rows are indexed on this thread, under the locks it holds.
+    m_.trackDb_.ForEachChunk(
+        [&](const FileSystem::Chunk& chunk) REQUIRES(m_.filesMutex_, m_.indexMutex_) {
+            if (!rows.empty() && rows.front().location.file != chunk.location.file) {
+                chunkCount += IndexFileRows(rows);
+                rows.clear();
+            }
+            rows.push_back(chunk);
+        });
     if (!rows.empty())
         chunkCount += IndexFileRows(rows);
 }
@@ -94,7 +96,7 @@ size_t TrackIndexRecovery::IndexFileRows(const std::vector<FileSystem::Chunk>& r
 
 void TrackIndexRecovery::OpenDatabase(const std::string& directory) {
     {
-        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        Moreld::Tools::MutexLock db(m_.dbMutex_);
         if (!m_.trackDb_.Open(directory, m_.trackId_)) {
             throw std::runtime_error(Concat("Could not open DB on track ", m_.trackId_));
         }
@@ -117,7 +119,7 @@ void TrackIndexRecovery::OpenDatabase(const std::string& directory) {
         MR_LOG(
             m_.logger_, 30,
             "T" << m_.trackId_ << ": " << m_.emptyFiles_.size() << " empty files. Track is empty");
-        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        Moreld::Tools::MutexLock db(m_.dbMutex_);
         m_.trackDb_.SetActiveMode(false);
     } else {
         MR_LOG(m_.logger_, 30,
@@ -185,7 +187,7 @@ void TrackIndexRecovery::DropNewestBlock(const FileSystem::Block& block) {
     MR_LOG(m_.logger_, 30, "T" << m_.trackId_ << ": File " << file << " is put back as empty file");
     m_.emptyFiles_.push_back(file);
     {
-        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        Moreld::Tools::MutexLock db(m_.dbMutex_);
         m_.trackDb_.RemoveAndAddAsEmptyFile(file);
     }
     const TimePoint key = block.GetTcIn();
@@ -211,7 +213,7 @@ void TrackIndexRecovery::KeepFirstChunks(const FileSystem::Block& block, size_t 
     }
     {
         // The file's rows become exactly the chunks kept.
-        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        Moreld::Tools::MutexLock db(m_.dbMutex_);
         m_.trackDb_.SaveAndRemove(rows);
     }
     m_.trackSize_ = m_.trackSize_.load() + trimmed.GetCurrentSize() - block.GetCurrentSize();
@@ -253,6 +255,6 @@ void TrackIndexRecovery::HandlePowerFailure(const std::string& root) {
            "T" << m_.trackId_ << ": " << m_.emptyFiles_.size() << " empty files and "
                << m_.blocks_.size() << " blocks. Track goes now from "
                << m_.beginningOfTrack_.load() << " to " << m_.endOfTrack_.load());
-    std::lock_guard<std::mutex> db(m_.dbMutex_);
+    Moreld::Tools::MutexLock db(m_.dbMutex_);
     m_.trackDb_.SetActiveMode(false);
 }
