@@ -35,19 +35,19 @@ LoopRecordingCommonTrackStorage::LoopRecordingCommonTrackStorage(
 LoopRecordingCommonTrackStorage::~LoopRecordingCommonTrackStorage() = default;
 
 std::shared_ptr<FilesPool> LoopRecordingCommonTrackStorage::FirstPool() const {
-    std::lock_guard<std::mutex> lock(poolsMutex_);
+    Moreld::Tools::MutexLock lock(poolsMutex_);
     return pools_.empty() ? nullptr : *pools_.begin();
 }
 
 void LoopRecordingCommonTrackStorage::AddPool(std::shared_ptr<FilesPool> pool) {
-    std::lock_guard<std::mutex> moves(poolMutex_);
-    std::lock_guard<std::mutex> lock(poolsMutex_);
+    Moreld::Tools::MutexLock moves(poolMutex_);
+    Moreld::Tools::MutexLock lock(poolsMutex_);
     pools_.insert(std::move(pool));
 }
 
 void LoopRecordingCommonTrackStorage::RemovePool(std::shared_ptr<FilesPool> pool) {
-    std::lock_guard<std::mutex> moves(poolMutex_);
-    std::lock_guard<std::mutex> lock(poolsMutex_);
+    Moreld::Tools::MutexLock moves(poolMutex_);
+    Moreld::Tools::MutexLock lock(poolsMutex_);
     pools_.erase(pool);
 }
 
@@ -81,7 +81,7 @@ long LoopRecordingCommonTrackStorage::ChooseTrackId(long requested) const {
 
 long LoopRecordingCommonTrackStorage::CreateTrack(const Protocol::TrackParameters& in,
                                                   Protocol::TrackParameters& out) {
-    std::lock_guard<std::mutex> lock(poolMutex_);
+    Moreld::Tools::MutexLock lock(poolMutex_);
     std::shared_ptr<FilesPool> pool = FirstPool();
     auto refuse = [&out] {
         out.set_id(0);
@@ -135,7 +135,7 @@ long LoopRecordingCommonTrackStorage::CreateTrack(const Protocol::TrackParameter
 
 void LoopRecordingCommonTrackStorage::GrowTrack(const Protocol::TrackParameters& in,
                                                 Protocol::TrackParameters& out) {
-    std::lock_guard<std::mutex> lock(poolMutex_);
+    Moreld::Tools::MutexLock lock(poolMutex_);
     const long id = in.id();
     out.set_id(0);
     out.set_size(0);
@@ -196,7 +196,7 @@ void LoopRecordingCommonTrackStorage::ShrinkTrack(long id, unsigned long bytes,
 }
 
 void LoopRecordingCommonTrackStorage::DeleteTrack(const long& id, Protocol::TrackParameters& out) {
-    std::lock_guard<std::mutex> lock(poolMutex_);
+    Moreld::Tools::MutexLock lock(poolMutex_);
     std::shared_ptr<FilesPool> pool;
     {
         // No reader or writer may open on the track while it goes away.
@@ -264,7 +264,7 @@ bool LoopRecordingCommonTrackStorage::GiveBackUnprotectedFiles(long id, FilesPoo
 }
 
 void LoopRecordingCommonTrackStorage::ClearTrack(const long& id) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     if (!managers_.Exists(id))
         return;
     LoopRecordingFileManager& manager = *managers_.GetManager(id);
@@ -278,7 +278,7 @@ void LoopRecordingCommonTrackStorage::ClearTrack(const long& id) {
 // Queries
 
 void LoopRecordingCommonTrackStorage::ListTracks(Protocol::TrackList& out) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     out.clear_ids();
     for (long id : managers_.GetTrackIds())
         out.add_ids(id);
@@ -287,7 +287,7 @@ void LoopRecordingCommonTrackStorage::ListTracks(Protocol::TrackList& out) {
 void LoopRecordingCommonTrackStorage::GetTrackInfos(const Protocol::Ids& ids,
                                                     Protocol::TrackInfos& out) {
     Monitoring& monitoring = RequireMonitoring("Monitoring not set, cannot call GetTrackInfos");
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     for (long id : ids.ids()) {
         Moreld::Tools::MutexLock track(monitoring.GetMutex(id));
         if (!managers_.Exists(id))
@@ -319,7 +319,7 @@ long LoopRecordingCommonTrackStorage::GetMaxTrackSize(long id) {
 
 void LoopRecordingCommonTrackStorage::GetBeginningOfTrack(const long& id,
                                                           Protocol::TimePoint& out) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     TimePoint found = kNoTimePoint;
     if (managers_.Exists(id)) {
         TimePoint first;
@@ -330,7 +330,7 @@ void LoopRecordingCommonTrackStorage::GetBeginningOfTrack(const long& id,
 }
 
 void LoopRecordingCommonTrackStorage::GetEndOfTrack(const long& id, Protocol::TimePoint& out) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     out = Converter::To(managers_.Exists(id) ? managers_.GetManager(id)->GetEndOfTrack()
                                              : kNoTimePoint);
 }
@@ -338,7 +338,7 @@ void LoopRecordingCommonTrackStorage::GetEndOfTrack(const long& id, Protocol::Ti
 TimePoint LoopRecordingCommonTrackStorage::GetAccumulatedDuration(const long& id,
                                                                   const TimePoint& from,
                                                                   const TimePoint& to) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     if (!directories_.Exist(id))
         return TimePoint();
     return managers_.GetManager(id)->GetAccumulatedDuration(from, to);
@@ -347,7 +347,7 @@ TimePoint LoopRecordingCommonTrackStorage::GetAccumulatedDuration(const long& id
 unsigned long LoopRecordingCommonTrackStorage::GetNumberOfChunks(const long& id,
                                                                  const TimePoint& from,
                                                                  const TimePoint& to) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     if (!directories_.Exist(id))
         return 0;
     return managers_.GetManager(id)->GetNumberOfChunks(from, to);
@@ -366,6 +366,8 @@ Monitoring::WorkerInfo LoopRecordingCommonTrackStorage::GetWorkerInfo(long worke
 // Protections
 
 void LoopRecordingCommonTrackStorage::OpenProtectionDatabase(const std::string& dbDirectory) {
+    // At start-up nobody else calls yet; the lock is taken for the rule.
+    Moreld::Tools::MutexLock lock(accessMutex_);
     protectionDb_.Open(dbDirectory);
     for (const ProtectionDB::ProtectionEntry& entry : protectionDb_.GetProtections()) {
         if (entry.protectionId > lastProtectionId_)
@@ -373,7 +375,6 @@ void LoopRecordingCommonTrackStorage::OpenProtectionDatabase(const std::string& 
         long id = entry.protectionId;
         Protect(entry.trackId, entry.from, entry.to - entry.from, id, false);
     }
-    std::lock_guard<std::mutex> lock(accessMutex_);
     LiftExpiredLocked();
 }
 
@@ -382,7 +383,7 @@ void LoopRecordingCommonTrackStorage::ProtectWithTerms(const long& track,
                                                        const Protocol::TimePoint& duration,
                                                        const Protocol::ProtectionTerms& terms,
                                                        long& protectionId) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     const ProtectionDB::Terms checked = ProtectionTermsCodec::FromRequest(track, terms, clock_());
     Protect(track, Converter::From(from), Converter::From(duration), protectionId, true, checked);
 }
@@ -390,7 +391,7 @@ void LoopRecordingCommonTrackStorage::ProtectWithTerms(const long& track,
 void LoopRecordingCommonTrackStorage::Protect(const long& track, const Protocol::TimePoint& from,
                                               const Protocol::TimePoint& duration,
                                               long& protectionId) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     Protect(track, Converter::From(from), Converter::From(duration), protectionId, true);
 }
 
@@ -430,12 +431,12 @@ void LoopRecordingCommonTrackStorage::Protect(const long& track, const TimePoint
 }
 
 void LoopRecordingCommonTrackStorage::Unprotect(const long& protectionId) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     UnprotectLocked(protectionId);
 }
 
 size_t LoopRecordingCommonTrackStorage::LiftExpiredProtections() {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     return LiftExpiredLocked();
 }
 
@@ -470,7 +471,7 @@ void LoopRecordingCommonTrackStorage::UnprotectLocked(long protectionId) {
 }
 
 void LoopRecordingCommonTrackStorage::ListProtections(Protocol::ProtectionInfos& out) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     out.clear_infos();
     std::vector<ProtectionDB::ProtectionEntry> entries = protectionDb_.GetProtections();
     MR_LOG(logger_, 30, "ListProtections: " << entries.size() << " protections found");
@@ -488,7 +489,7 @@ void LoopRecordingCommonTrackStorage::ListProtections(Protocol::ProtectionInfos&
 // Properties
 
 void LoopRecordingCommonTrackStorage::OpenPropertiesDatabase(const std::string& dbDirectory) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     properties_.Open(dbDirectory);
 }
 
@@ -498,24 +499,24 @@ void LoopRecordingCommonTrackStorage::SetTrackProperties(const long& track,
         throw std::runtime_error(
             Concat("T", track, ": does not exist, you cannot SetTrackProperties"));
     }
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     properties_.Set(track, properties);
 }
 
 void LoopRecordingCommonTrackStorage::RemoveTrackProperties(
     const long& track, const Protocol::PropertyList& properties) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     properties_.Remove(track, properties);
 }
 
 void LoopRecordingCommonTrackStorage::GetTrackProperties(const long& track,
                                                          Protocol::PropertyList& out) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     properties_.Get(track, out);
 }
 
 void LoopRecordingCommonTrackStorage::RemoveAllProperties(long track) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     properties_.RemoveAll(track);
 }
 
@@ -523,13 +524,13 @@ void LoopRecordingCommonTrackStorage::RemoveAllProperties(long track) {
 // Retention by age
 
 void LoopRecordingCommonTrackStorage::SetRetentionClock(TrackRetention::Clock clock) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     retention_.SetClock(std::move(clock));
 }
 
 void LoopRecordingCommonTrackStorage::SetTrackMaxAge(const long& id, const TimePoint& maxAge) {
     Monitoring& monitoring = RequireMonitoring("Monitoring not set, cannot call SetTrackMaxAge");
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     // Deletion holds the track's mutex: the track cannot go meanwhile.
     Moreld::Tools::MutexLock track(monitoring.GetMutex(id));
     if (!managers_.Exists(id)) {
@@ -543,7 +544,7 @@ void LoopRecordingCommonTrackStorage::SetTrackMaxAge(const long& id, const TimeP
 size_t LoopRecordingCommonTrackStorage::PurgeExpiredContent() {
     Monitoring& monitoring =
         RequireMonitoring("Monitoring not set, cannot call PurgeExpiredContent");
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     const TimePoint now = retention_.Now();
     size_t files = 0;
     for (long id : managers_.GetTrackIds()) {

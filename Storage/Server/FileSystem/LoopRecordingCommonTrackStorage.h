@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -11,6 +10,7 @@
 #include "Platform/Logging/Logger.h"
 #include "Platform/Protocol/Protocol.pb.h"
 #include "Platform/Time/TimePoint.h"
+#include "Platform/Tools/Mutex.h"
 #include "Storage/Indexes/File/DirectoryHandler.h"
 #include "Storage/Indexes/File/FilesPool.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
@@ -71,7 +71,8 @@ class LoopRecordingCommonTrackStorage {
     // one whose range holds no block any more is kept all the same (logged
     // at level 40), so that a start never fails on it.
     void Protect(const long& track, const TimePoint& from, const TimePoint& duration,
-                 long& protectionId, bool isNew, const ProtectionDB::Terms& terms = {});
+                 long& protectionId, bool isNew, const ProtectionDB::Terms& terms = {})
+        REQUIRES(accessMutex_);
     // The host's form with a label and an expiry; an expiry not after the
     // clock's now is refused before anything is protected.
     void ProtectWithTerms(const long& track, const Protocol::TimePoint& from,
@@ -119,21 +120,23 @@ class LoopRecordingCommonTrackStorage {
     // true when nothing is left and the track is gone (but its properties).
     bool GiveBackUnprotectedFiles(long id, FilesPool& pool, Protocol::TrackParameters& out);
     Monitoring& RequireMonitoring(const char* message) const;
-    // With accessMutex_ held.
-    void UnprotectLocked(long protectionId);
-    size_t LiftExpiredLocked();
+    void UnprotectLocked(long protectionId) REQUIRES(accessMutex_);
+    size_t LiftExpiredLocked() REQUIRES(accessMutex_);
 
     DirectoryHandler& directories_;
     LoopRecordingFileManagers& managers_;
-    mutable std::mutex poolsMutex_;  // guards pools_ only, held briefly
-    std::set<std::shared_ptr<FilesPool>> pools_;
-    ProtectionDB protectionDb_;        // guarded by accessMutex_
-    TrackPropertiesCache properties_;  // guarded by accessMutex_
-    TrackRetention retention_;         // guarded by accessMutex_
-    long lastProtectionId_ = 0;        // guarded by accessMutex_
+    // Held briefly, after poolMutex_ when both are.
+    mutable Moreld::Tools::Mutex poolsMutex_;
+    std::set<std::shared_ptr<FilesPool>> pools_ GUARDED_BY(poolsMutex_);
+    ProtectionDB protectionDb_ GUARDED_BY(accessMutex_);
+    TrackPropertiesCache properties_ GUARDED_BY(accessMutex_);
+    TrackRetention retention_ GUARDED_BY(accessMutex_);
+    long lastProtectionId_ GUARDED_BY(accessMutex_) = 0;
     Monitoring* monitoring_ = nullptr;
     std::function<TimePoint()> clock_ = [] { return TimePoint::Now(); };
-    mutable std::mutex poolMutex_;
-    mutable std::mutex accessMutex_;
+    // Independent of each other; both taken before any track's monitoring
+    // mutex and the locks of the index, the caches and the pool.
+    mutable Moreld::Tools::Mutex poolMutex_ ACQUIRED_BEFORE(poolsMutex_);
+    mutable Moreld::Tools::Mutex accessMutex_;
     tav::mr::logging::Logger logger_;
 };
