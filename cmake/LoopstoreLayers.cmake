@@ -16,7 +16,9 @@
 # Ownership of a header: X.h belongs to the unit that compiles X.cpp (a
 # generated X.pb.h to the unit of X.proto); a header without a source file
 # belongs to the only unit of its folder, or, in a folder of several units,
-# to the one that lists it under HEADERS.
+# to the one that lists it under HEADERS, or else to the unit including it
+# that all the others including it depend on (configuration fails when there
+# is none).
 
 set(LOOPSTORE_STORAGE_API
   Storage/Server/Factories/LoopRecordingFileFactory.h
@@ -124,12 +126,53 @@ macro(loopstore_assign_headers)
       string(MAKE_C_IDENTIFIER "${rel}" id)
       string(REGEX REPLACE "\\.h$" ".cpp" source ${header})
       if(NOT LOOPSTORE_OWNER_${id} AND NOT EXISTS ${source})
-        message(FATAL_ERROR "${rel} has no source file and its folder holds several units: "
-                            "list it under HEADERS of the unit it belongs to")
+        loopstore_lowest_includer(owner ${rel})
+        if(NOT owner)
+          message(FATAL_ERROR "${rel} has no source file and its folder holds several units, "
+                              "not one of which the others that include it depend on: list it "
+                              "under HEADERS of the unit it belongs to")
+        endif()
+        list(APPEND LOOPSTORE_OWNED_${owner} ${header})
+        set(LOOPSTORE_OWNER_${id} ${owner})
       endif()
     endforeach()
   endforeach()
 endmacro()
+
+# `out`: of the units whose files include `header`, the one that all the
+# others depend on (a header-only interface belongs to the lowest unit that
+# uses it); empty when there is none. Uses the owners known so far.
+function(loopstore_lowest_includer out header)
+  get_property(all_units GLOBAL PROPERTY LOOPSTORE_UNITS)
+  set(includers "")
+  foreach(unit ${all_units})
+    get_target_property(files ${unit} LOOPSTORE_SOURCES)
+    list(APPEND files ${LOOPSTORE_OWNED_${unit}})
+    foreach(file ${files})
+      if(EXISTS ${file} AND NOT file MATCHES "\\.proto$")
+        file(STRINGS ${file} hits REGEX "^[ \t]*#[ \t]*include[ \t]*\"${header}\"")
+        if(hits)
+          list(APPEND includers ${unit})
+          break()
+        endif()
+      endif()
+    endforeach()
+  endforeach()
+  set(result "")
+  foreach(candidate ${includers})
+    set(lowest TRUE)
+    foreach(unit ${includers})
+      loopstore_unit_closure(closure ${unit})
+      if(NOT candidate IN_LIST closure)
+        set(lowest FALSE)
+      endif()
+    endforeach()
+    if(lowest)
+      set(result ${candidate})
+    endif()
+  endforeach()
+  set(${out} ${result} PARENT_SCOPE)
+endfunction()
 
 # Writes what the check needs and makes every unit depend on its check.
 function(loopstore_check_layers)
@@ -147,7 +190,9 @@ function(loopstore_check_layers)
   foreach(unit ${all_units})
     get_target_property(sources ${unit} LOOPSTORE_SOURCES)
     get_target_property(list_file ${unit} LOOPSTORE_LIST_FILE)
+    # Generated sources (protocol, embedded files) are not checked.
     list(FILTER sources EXCLUDE REGEX "\\.proto$")
+    list(FILTER sources EXCLUDE REGEX "^${PROJECT_BINARY_DIR}/")
     set(files ${sources})
     foreach(header ${LOOPSTORE_OWNED_${unit}})
       if(EXISTS ${header})
