@@ -32,6 +32,7 @@ Block& Block::operator=(const Block& other) {
     configuration_ = other.configuration_;
     currentSize_ = other.currentSize_;
     chunks_ = other.chunks_;
+    gaps_ = other.gaps_;
     return *this;
 }
 
@@ -44,6 +45,7 @@ Block& Block::operator=(Block&& other) {
     configuration_ = other.configuration_;
     currentSize_ = other.currentSize_;
     chunks_ = std::move(other.chunks_);
+    gaps_ = std::move(other.gaps_);
     return *this;
 }
 
@@ -53,6 +55,7 @@ void Block::Reset(const BlockConfiguration& configuration) {
     endTime_ = TimePoint();
     currentSize_ = kFileHeaderSize;
     chunks_.clear();
+    gaps_.Clear();
     protections_.clear();
 }
 
@@ -62,6 +65,8 @@ bool Block::Append(const Chunk& chunk) {
     }
     if (!chunks_.empty()) {
         CheckSameFile(chunk);
+        if (chunk.timepoint > endTime_)
+            gaps_.Add(chunks_.size());
     } else {
         startTime_ = chunk.timepoint;
         chunks_.reserve(ExpectedChunks(chunk.location.size));

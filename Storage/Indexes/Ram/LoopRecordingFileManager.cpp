@@ -151,6 +151,7 @@ void LoopRecordingFileManager::ReleaseRecycledBlock(const FileChoice& choice) {
                                  " should belong to the map");
     }
     recyclableKeys_.erase(choice.recycledKey);
+    counters_.CountRecycledFile();
     const unsigned long blockSize = it->second.GetCurrentSize();
     trackSize_ = trackSize_.load() + kFileHeaderSize - blockSize;
     MR_LOG(logger_, 10,
@@ -227,6 +228,7 @@ FileSystem::Chunk LoopRecordingFileManager::AppendFirstChunk(const TimePoint& tp
         throw std::runtime_error(Concat("Could not append chunk at ", tp));
     }
     NotePlaced(file);
+    counters_.CountChunk(size);
     // A new track starts its counters again, except the chunk counter, which
     // goes on after a Clear.
     accumulatedDuration_ = duration;
@@ -292,6 +294,7 @@ bool LoopRecordingFileManager::IsBeingWritten(const ChunkFile& file) const {
 // counters is: the stores only need to be atomic for lock-free readers.
 void LoopRecordingFileManager::CountAppended(const FileSystem::Chunk& chunk) {
     NotePlaced(chunk.location.file);
+    counters_.CountChunk(chunk.location.size);
     constexpr auto relaxed = std::memory_order_relaxed;
     accumulatedDuration_.store(accumulatedDuration_.load(relaxed) + chunk.duration, relaxed);
     ++chunkCounter_;
@@ -970,4 +973,15 @@ std::deque<ChunkFile> LoopRecordingFileManager::GetEmptyFiles() const {
 std::map<unsigned long, std::set<TimePoint>> LoopRecordingFileManager::GetProtections() const {
     SharedLock files(filesMutex_);
     return protections_;
+}
+
+size_t LoopRecordingFileManager::GetProtectionCount() const {
+    SharedLock files(filesMutex_);
+    return protections_.size();
+}
+
+void LoopRecordingFileManager::VisitBlocks(
+    const std::function<void(const std::map<TimePoint, FileSystem::Block>&)>& visit) const {
+    SharedLock index(indexMutex_);
+    visit(blocks_);
 }

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -19,6 +20,7 @@
 #include "Storage/Indexes/Ram/IFileSystemManager.h"
 #include "Storage/Indexes/Ram/IProtectionManager.h"
 #include "Storage/Indexes/Ram/ProtectionRanges.h"
+#include "Storage/Indexes/Ram/TrackCounters.h"
 #include "Storage/Indexes/SQLite/TrackDB.h"
 
 // The RAM index of one track: for every chunk, the chunk file and offset that
@@ -158,6 +160,14 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     std::set<TimePoint> GetRecyclableKeys() const;
     std::deque<ChunkFile> GetEmptyFiles() const;
     std::map<unsigned long, std::set<TimePoint>> GetProtections() const;
+    size_t GetProtectionCount() const;
+    // Chunks, bytes and recycled files since the index was loaded.
+    const TrackCounters& GetCounters() const { return counters_; }
+    // Calls `visit` with the blocks under a shared lock of the index, for
+    // readers that copy what they need and work on it outside the lock;
+    // `visit` must not call back into the manager.
+    void VisitBlocks(
+        const std::function<void(const std::map<TimePoint, FileSystem::Block>&)>& visit) const;
 
   private:
     friend class TrackIndexRecovery;
@@ -226,6 +236,7 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     std::atomic<TimePoint> accumulatedDuration_{TimePoint()};
     std::atomic<TimePoint> maxAge_{TimePoint()};  // written under dbMutex_
 
+    TrackCounters counters_;
     std::atomic<IChunkProtectionFactory*> chunkProtectionFactory_{nullptr};
     std::atomic<bool> durableRecycling_{true};
 };
