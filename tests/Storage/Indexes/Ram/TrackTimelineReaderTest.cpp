@@ -73,7 +73,15 @@ TEST(TrackTimeline, RangesFollowPausesInsideAndBetweenBlocksAcrossRecyclingAndRe
     TrackFixture track(3, 4, kFileBytes);
     auto m = track.NewManagerWithFiles();
     WriteThreeBlocks(*m, track.Root());
-    ASSERT_EQ(m->GetBlocks().size(), 3u);
+    // Each block keeps its one pause, also in a copy.
+    const auto blocks = m->GetBlocks();
+    ASSERT_EQ(blocks.size(), 3u);
+    for (const auto& [key, block] : blocks) {
+        FileSystem::Block copy(BlockConfiguration(1, 0));
+        copy = block;
+        ASSERT_EQ(copy.GetGaps().Count(), 1u) << key;
+    }
+    EXPECT_EQ(blocks.begin()->second.GetGaps().Position(0), 3u);
 
     // Merging: a pause equal to maxGap merges, a longer one does not;
     // contiguous blocks always merge. Windows: ranges come whole, reaching
