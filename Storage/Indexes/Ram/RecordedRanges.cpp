@@ -60,7 +60,7 @@ std::vector<RecordedRanges::Range> RecordedRanges::CollectForward(const Blocks& 
         const FileSystem::Block& block = it->second;
         if (block.Empty())
             continue;
-        if (!Merges(runs.back().end, block.GetTcIn()))
+        if (!Merges(runs.back().end, block.GetStartTime()))
             break;
         AppendRuns(block, runs);
         if (HasLongPause(block))
@@ -79,7 +79,7 @@ std::vector<RecordedRanges::Range> RecordedRanges::CollectBackward(const Blocks&
         const FileSystem::Block& block = it->second;
         if (block.Empty())
             continue;
-        if (!Merges(block.GetTcOut(), start))
+        if (!Merges(block.GetEndTime(), start))
             break;
         runs.clear();
         AppendRuns(block, runs);
@@ -114,17 +114,19 @@ bool RecordedRanges::HasLongPause(const FileSystem::Block& block) const {
 }
 
 // A block's runs end where a pause starts: with no pause, the whole block is
-// one run, found from its first and last chunk alone.
+// one run, its start and end read from the block itself. Chunks are touched
+// only around pauses: over a day of blocks, reading each block's chunks
+// would cost a cache miss or two per block.
 void RecordedRanges::AppendRuns(const FileSystem::Block& block, std::vector<Range>& runs) {
     if (block.Empty())
         return;
     const FileSystem::Block::ChunkMap& chunks = block.GetChunks();
     const FileSystem::BlockGaps& gaps = block.GetGaps();
-    TimePoint start = block.GetTcIn();
+    TimePoint start = block.GetStartTime();
     for (size_t i = 0; i < gaps.Count(); ++i) {
         const size_t position = gaps.Position(i);
         runs.push_back({start, EndOf(chunks.nth(position - 1)->second)});
         start = chunks.nth(position)->first;
     }
-    runs.push_back({start, block.GetTcOut()});
+    runs.push_back({start, block.GetEndTime()});
 }
