@@ -138,28 +138,12 @@ TEST(TrackTimeline, RangesFollowPausesInsideAndBetweenBlocksAcrossRecyclingAndRe
     EXPECT_EQ(Chunks(*m, -1, 6.5, 10), "60/4 ");
     const TrackCounters& counters = m->GetCounters();
     EXPECT_EQ(counters.GetChunks(), 8u);
+    EXPECT_EQ(counters.GetBytes(), 8 * kChunkBytes);
     EXPECT_EQ(counters.GetRecycledFiles(), 1u);
     auto extent = TrackTimelineReader(*m).GetExtent();
     ASSERT_TRUE(extent.has_value());
     EXPECT_EQ(extent->oldest, Sec(6));
     EXPECT_EQ(extent->newest, Sec(38));
-}
-
-TEST(TrackTimeline, EmptyTrackAndClearedTrackHoldNothing) {
-    TrackFixture track(5, 2, kFileBytes);
-    auto m = track.NewManagerWithFiles();
-    EXPECT_EQ(Ranges(*m, -100, 100, 100), "");
-    EXPECT_EQ(Chunks(*m, -100, 100, 5), "");
-    EXPECT_FALSE(TrackTimelineReader(*m).GetExtent().has_value());
-    {
-        ChunkWriter writer(*m, track.Root());
-        for (int t = 0; t < 6; ++t)
-            writer.Write(Sec(t), Sec(1), kChunkBytes);
-    }
-    EXPECT_EQ(m->GetCounters().GetBytes(), 6 * kChunkBytes);
-    m->Clear();
-    EXPECT_EQ(Ranges(*m, -100, 100, 100), "");
-    EXPECT_FALSE(TrackTimelineReader(*m).GetExtent().has_value());
 }
 
 }  // namespace
