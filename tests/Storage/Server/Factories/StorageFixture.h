@@ -45,6 +45,7 @@ class Storage {
     MoreldStorageApi::ITrackReaderFactory& Readers() { return *service_->trackReaderFactory; }
     MoreldStorageApi::ITrackRetention& Retention() { return *service_->trackRetention; }
     MoreldStorageApi::ITrackTimeline& Timeline() { return *service_->trackTimeline; }
+    MoreldStorageApi::Service& Service() { return *service_; }
     // Creates track `id` of `files` pool files; the id the store gave it.
     long CreateTrack(long id, long files);
 
