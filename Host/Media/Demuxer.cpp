@@ -19,7 +19,7 @@ constexpr int kIoBufferSize = 64 * 1024;
 
 }  // namespace
 
-Demuxer::Demuxer(ReadFunction read) : read_(std::move(read)) {
+Demuxer::Demuxer(ReadFunction read, const char* format) : read_(std::move(read)) {
     auto* buffer = static_cast<unsigned char*>(av_malloc(kIoBufferSize));
     io_ = buffer == nullptr ? nullptr
                             : avio_alloc_context(buffer, kIoBufferSize, 0, this,
@@ -33,13 +33,14 @@ Demuxer::Demuxer(ReadFunction read) : read_(std::move(read)) {
     }
     format_->pb = io_;
     format_->flags |= AVFMT_FLAG_CUSTOM_IO;
-    const int opened =
-        avformat_open_input(&format_, nullptr, av_find_input_format("mpegts"), nullptr);
+    const AVInputFormat* input = format == nullptr ? nullptr : av_find_input_format(format);
+    const int opened = avformat_open_input(&format_, nullptr, input, nullptr);
     if (opened < 0) {
         // avformat_open_input frees the context on failure.
         format_ = nullptr;
         Close();
-        Fail(opened, "reading the exported stream as MPEG-TS");
+        Fail(opened, format == nullptr ? "recognising the container of the stored data"
+                                       : "reading the exported stream as MPEG-TS");
     }
     const int found = avformat_find_stream_info(format_, nullptr);
     if (found < 0 || format_->nb_streams == 0) {
