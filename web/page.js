@@ -10,7 +10,10 @@ const axis = new TimeAxis(Date.now() - 3600_000, Date.now() + 60_000);
 const state = window.loopstorePage = {
   axis,
   tracks: [], nowMs: Date.now(), playing: null, playingDateMs: null, liveDelayMs: null,
+  // The playing date of the first picture shown since the last click.
+  firstPlayingDateMs: null,
   selection: null, refreshes: 0,
+  show(from, to) { $('follow').checked = false; axis.show(from, to); draw(); refresh(); },
 };
 let hls = null;
 let loading = false;
@@ -81,6 +84,9 @@ function rowFor(track) {
 
 function draw() {
   drawAxis($('axis'), axis);
+  const shown = new Set(state.tracks.map((t) => String(t.id)));
+  for (const row of document.querySelectorAll('#rows .row'))
+    if (!shown.has(row.dataset.track)) row.remove();
   const now = following() ? Date.now() : state.nowMs;
   for (const track of state.tracks) {
     const marks = {};
@@ -91,14 +97,20 @@ function draw() {
   }
 }
 
-function fit() {
+// Shows everything every track holds, from its beginning to its end.
+async function fit() {
   let from = Infinity, to = -Infinity;
-  for (const t of state.tracks)
-    for (const [s, e] of t.ranges) { from = Math.min(from, s); to = Math.max(to, e); }
-  if (from === Infinity) return;
-  $('follow').checked = false;
-  const pad = (to - from) * 0.02;
-  axis.show(from - pad, to + pad);
+  try {
+    for (const t of (await getJson('/api/tracks')).tracks) {
+      if (t.beginning_ms !== null) from = Math.min(from, t.beginning_ms);
+      if (t.end_ms !== null) to = Math.max(to, t.end_ms);
+    }
+  } catch (e) {
+    setStatus(`Cannot list the tracks: ${e.message}`);
+  }
+  if (from === Infinity || to === -Infinity) return;
+  const pad = Math.max(1000, (to - from) * 0.02);
+  state.show(from - pad, to + pad);
 }
 
 function showLast(span) {
@@ -239,8 +251,7 @@ function playFrom(trackId, at) {
   const newest = track && track.newest_ms ? track.newest_ms : Date.now();
   const from = Math.round(at);
   state.playing = { track: trackId, live: false, from };
-  state.playingDateMs = null;
-  state.liveDelayMs = null;
+  forgetPlayingDate();
   // An hour at most: the playlist lists every chunk.
   const to = Math.max(from + 1000, Math.min(newest, from + 3600_000));
   load(`/api/tracks/${trackId}/vod.m3u8?from=${from}&to=${to}`, false);
@@ -249,10 +260,15 @@ function playFrom(trackId, at) {
 
 function playLive(trackId) {
   state.playing = { track: trackId, live: true };
-  state.playingDateMs = null;
-  state.liveDelayMs = null;
+  forgetPlayingDate();
   load(`/api/tracks/${trackId}/live.m3u8`, true);
   $('playing').textContent = `Track ${trackId} live`;
+}
+
+function forgetPlayingDate() {
+  state.playingDateMs = null;
+  state.firstPlayingDateMs = null;
+  state.liveDelayMs = null;
 }
 
 function updatePlayhead() {
@@ -260,6 +276,7 @@ function updatePlayhead() {
   const date = playingDate();
   if (date === null) return;
   state.playingDateMs = date;
+  if (state.firstPlayingDateMs === null) state.firstPlayingDateMs = date;
   const where = state.playing.live ? 'live' : 'stored';
   let text = `Track ${state.playing.track} (${where}) at ${dateTime(date)}`;
   if (state.playing.live) {
@@ -274,7 +291,7 @@ function updatePlayhead() {
 
 $('zoom-hour').addEventListener('click', () => { showLast(3600_000); refresh(); });
 $('zoom-day').addEventListener('click', () => { showLast(24 * 3600_000); refresh(); });
-$('zoom-fit').addEventListener('click', () => { fit(); draw(); refresh(); });
+$('zoom-fit').addEventListener('click', fit);
 $('follow').addEventListener('change', () => refresh());
 $('protect').addEventListener('click', protectSelection);
 $('clear-selection').addEventListener('click', () => { state.selection = null; showSelection(); draw(); });

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "Host/Media/MediaError.h"
+#include "Host/Media/MemoryTsMuxer.h"
 #include "Host/Media/Packet.h"
 #include "Host/Media/TestPatternPicture.h"
 
@@ -28,52 +29,6 @@ struct FrameFree {
 };
 using CodecPtr = std::unique_ptr<AVCodecContext, CodecFree>;
 using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
-
-// An MPEG-TS muxer writing into memory; the bytes are taken by Finish().
-class MemoryTsMuxer {
-  public:
-    explicit MemoryTsMuxer(const AVCodecContext& codec) {
-        MediaError::Check(avformat_alloc_output_context2(&format_, nullptr, "mpegts", nullptr),
-                          "preparing a test pattern MPEG-TS muxer");
-        MediaError::Check(avio_open_dyn_buf(&format_->pb), "opening a test pattern buffer");
-        AVStream* stream = avformat_new_stream(format_, nullptr);
-        if (stream == nullptr)
-            throw MediaError("adding the test pattern stream");
-        MediaError::Check(avcodec_parameters_from_context(stream->codecpar, &codec),
-                          "copying the test pattern's codec parameters");
-        stream->time_base = kMpegTsTime;
-        MediaError::Check(avformat_write_header(format_, nullptr),
-                          "writing the test pattern's MPEG-TS header");
-    }
-    ~MemoryTsMuxer() {
-        if (format_->pb != nullptr) {
-            uint8_t* bytes = nullptr;
-            avio_close_dyn_buf(format_->pb, &bytes);
-            av_free(bytes);
-        }
-        avformat_free_context(format_);
-    }
-    MemoryTsMuxer(const MemoryTsMuxer&) = delete;
-    MemoryTsMuxer& operator=(const MemoryTsMuxer&) = delete;
-
-    AVRational TimeBase() const { return format_->streams[0]->time_base; }
-    void Write(Packet& packet) {
-        packet->stream_index = 0;
-        MediaError::Check(av_write_frame(format_, packet.get()), "muxing the test pattern");
-    }
-    std::string Finish() {
-        MediaError::Check(av_write_trailer(format_), "finishing the test pattern's MPEG-TS");
-        uint8_t* bytes = nullptr;
-        const int size = avio_close_dyn_buf(format_->pb, &bytes);
-        format_->pb = nullptr;
-        std::string out(reinterpret_cast<const char*>(bytes), static_cast<size_t>(size));
-        av_free(bytes);
-        return out;
-    }
-
-  private:
-    AVFormatContext* format_ = nullptr;
-};
 
 CodecPtr OpenEncoder(const TestPatternEncoder::Options& o, int frames) {
     const AVCodec* codec = avcodec_find_encoder_by_name("libx264");

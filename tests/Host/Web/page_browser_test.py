@@ -108,30 +108,38 @@ def check_plays(driver, what):
 
 def check_coverage(driver):
     """Every lane shows recorded ranges once the view fits everything."""
+    wait_for("the first timeline", lambda: page_state(driver, "loopstorePage.refreshes"))
+    before = page_state(driver, "loopstorePage.refreshes")
     driver.find_element(By.ID, "zoom-fit").click()
-    tracks = wait_for("the timeline", lambda: page_state(
-        driver, "loopstorePage.tracks.map(t => ({id: t.id, ranges: t.ranges}))"))
+    wait_for("the fitted timeline", lambda: page_state(
+        driver, f"loopstorePage.refreshes > {before} && !document.getElementById('follow').checked"))
+    tracks = page_state(driver, "loopstorePage.tracks.map(t => ({id: t.id, ranges: t.ranges}))")
     if len(tracks) < 2:
         raise Failure(f"the page shows {len(tracks)} tracks")
     for track in tracks:
-        wait_for(f"ranges drawn on track {track['id']}", lambda: page_state(
-            driver, f"document.querySelectorAll('.row[data-track=\"{track['id']}\"] .range').length"))
+        selector = f'.row[data-track="{track["id"]}"] .range'
+        if not driver.find_elements(By.CSS_SELECTOR, selector):
+            raise Failure(f"no recorded range drawn for track {track['id']}: {track['ranges']}")
     return tracks
 
 
 def check_scrub(driver, track):
-    """Clicks the middle of the track's oldest range: plays from about there."""
+    """Clicks into the track's oldest range: plays from about there."""
     first, last = track["ranges"][0]
-    target = (first + last) / 2
+    before = page_state(driver, "loopstorePage.refreshes")
+    page_state(driver, f"loopstorePage.show({first - 10_000}, {last + 10_000})")
+    wait_for("the zoomed timeline", lambda: page_state(
+        driver, f"loopstorePage.refreshes > {before}"))
+    target = first + min(20_000, (last - first) / 2)
     click_at_time(driver, track["id"], target)
     clicked = wait_for("the click to start playback", lambda: page_state(
         driver, f"loopstorePage.playing && loopstorePage.playing.track === {track['id']} && "
                 "!loopstorePage.playing.live && loopstorePage.playing.from"))
     check_plays(driver, f"track {track['id']} from {clicked}")
-    playing = page_state(driver, "loopstorePage.playingDateMs")
-    # The first segment starts with the chunk holding the clicked time.
-    if playing is None or not clicked - 2000 <= playing <= clicked + 10_000:
-        raise Failure(f"clicked {clicked}, playing {playing}")
+    playing = page_state(driver, "loopstorePage.firstPlayingDateMs")
+    # The first segment is the chunk (one second) holding the clicked time.
+    if playing is None or not clicked - 2000 <= playing <= clicked + 2000:
+        raise Failure(f"clicked {clicked}, first picture at {playing}")
     return playing - clicked
 
 
@@ -160,10 +168,11 @@ def main():
         driver.get(url)
         tracks = check_coverage(driver)
         live_track = tracks[0]
-        # Playback of what was just recorded on a live track.
-        click_at_time(driver, tracks[1]["id"], tracks[1]["ranges"][-1][1] - 8000)
-        check_plays(driver, f"track {tracks[1]['id']} near its end")
-        offset = check_scrub(driver, live_track)
+        # A click in the fitted view: the middle of a live track's history.
+        first, last = tracks[1]["ranges"][0]
+        click_at_time(driver, tracks[1]["id"], (first + last) / 2)
+        check_plays(driver, f"track {tracks[1]['id']}")
+        offset = check_scrub(driver, tracks[-1])
         delay = check_live(driver, live_track["id"])
         driver.save_screenshot(screenshot)
         print(f"scrubbed playback started {offset / 1000:.1f} s from the clicked time")
