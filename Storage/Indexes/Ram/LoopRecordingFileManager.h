@@ -16,11 +16,14 @@
 #include "Platform/Time/TimePoint.h"
 #include "Storage/Indexes/File/ChunkFile.h"
 #include "Storage/Indexes/Ram/Block.h"
+#include "Storage/Indexes/Ram/ChunkPlacer.h"
 #include "Storage/Indexes/Ram/IChunkProtectionFactory.h"
 #include "Storage/Indexes/Ram/IFileSystemManager.h"
 #include "Storage/Indexes/Ram/IProtectionManager.h"
-#include "Storage/Indexes/Ram/ProtectionRanges.h"
+#include "Storage/Indexes/Ram/ProtectionTable.h"
+#include "Storage/Indexes/Ram/TrackActivity.h"
 #include "Storage/Indexes/Ram/TrackCounters.h"
+#include "Storage/Indexes/Ram/TrackFileBook.h"
 #include "Storage/Indexes/SQLite/TrackDB.h"
 
 // The RAM index of one track: for every chunk, the chunk file and offset that
@@ -42,13 +45,18 @@
 //   1. filesMutex_  (reader/writer): emptyFiles_, recyclableKeys_, protections_,
 //                   observers_, the choice of the next file. Held by every
 //                   operation that erases blocks.
-//   2. indexMutex_  (reader/writer): blocks_ and the chunk counters. Also
+//   2. indexMutex_  (reader/writer): blocks_ and the chunk counter. Also
 //                   held by every operation that erases blocks, so a chunk
 //                   that fits the current block is appended under this lock
 //                   alone.
 //   3. dbMutex_     (plain): serialises calls into trackDb_, which has no lock.
 // Counters that the service reads without a lock are atomics; they are
 // written under indexMutex_.
+//
+// The manager keeps the locking; the work is done by helpers without locks
+// of their own, called under the manager's: ChunkPlacer (placing a chunk),
+// TrackFileBook (empty files, recycling, files given back), ProtectionTable,
+// BlockNavigation (searches) and TrackSpan (chunk counts between instants).
 class LoopRecordingFileManager : public IProtectionManager, public IFileSystemManager {
   public:
     using TimePoint = Moreld::Time::TimePoint;
@@ -85,9 +93,9 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     // Whether `file` is one of the track's: an empty file recorded in the
     // database, or the file of a block.
     bool HasFile(const ChunkFile& file);
-    TimePoint GetBeginningOfTrack() const { return beginningOfTrack_.load(); }
-    TimePoint GetEndOfTrack() const { return endOfTrack_.load(); }
-    TimePoint GetAccumulatedDuration() const { return accumulatedDuration_.load(); }
+    TimePoint GetBeginningOfTrack() const { return counters_.beginningOfTrack.load(); }
+    TimePoint GetEndOfTrack() const { return counters_.endOfTrack.load(); }
+    TimePoint GetAccumulatedDuration() const { return counters_.accumulatedDuration.load(); }
     unsigned long GetSizeOnRam() const;
     void SetChunkProtectionFactory(IChunkProtectionFactory* factory);
 
@@ -150,19 +158,19 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     // --- Counters and snapshots ---
     long GetTrackId() const { return trackId_; }
     // Sum of the sizes of the track's files.
-    unsigned long GetMaxTrackSize() const { return maxTrackSize_.load(); }
+    unsigned long GetMaxTrackSize() const { return counters_.maxTrackSize.load(); }
     // Payload bytes of the indexed chunks.
-    unsigned long GetTrackSize() const { return trackSize_.load(); }
+    unsigned long GetTrackSize() const { return counters_.trackSize.load(); }
     // Size of the track's files (the largest it was given): a chunk takes at
     // most this minus the 16-byte file header. 0 before any file.
-    unsigned long GetFileSize() const { return fileSize_.load(); }
+    unsigned long GetFileSize() const { return counters_.fileSize.load(); }
     std::map<TimePoint, FileSystem::Block> GetBlocks() const;
     std::set<TimePoint> GetRecyclableKeys() const;
     std::deque<ChunkFile> GetEmptyFiles() const;
     std::map<unsigned long, std::set<TimePoint>> GetProtections() const;
     size_t GetProtectionCount() const;
     // Chunks, bytes and recycled files since the index was loaded.
-    const TrackCounters& GetCounters() const { return counters_; }
+    const TrackActivity& GetActivity() const { return activity_; }
     // Calls `visit` with the blocks under a shared lock of the index, for
     // readers that copy what they need and work on it outside the lock;
     // `visit` must not call back into the manager.
@@ -173,70 +181,59 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     friend class TrackIndexRecovery;
     friend class TrackAgePurge;
 
-    // The file a new block goes to, and where it came from.
-    struct FileChoice {
-        ChunkFile file;
-        bool recycled = false;
-        TimePoint recycledKey;
-    };
+    using SharedLock = std::shared_lock<std::shared_mutex>;
+    using UniqueLock = std::unique_lock<std::shared_mutex>;
 
-    FileChoice ChooseFileForNewBlock(const TimePoint& tp, unsigned long size);
-    void ReleaseRecycledBlock(const FileChoice& choice);
-    FileSystem::Chunk OpenBlock(const FileChoice& choice, const TimePoint& tp,
-                                const TimePoint& duration, unsigned long size);
+    ChunkPlacer Placer();
+    TrackFileBook Book();
+    FileSystem::Chunk AppendInNewBlock(const TimePoint& tp, const TimePoint& duration,
+                                       unsigned long size);
+    // With filesMutex_ and indexMutex_ held exclusively, `file` taken out of
+    // the empty files or out of its recycled block.
+    FileSystem::Chunk AppendFirstInBlockLocked(const ChunkFile& file, const TimePoint& tp,
+                                               const TimePoint& duration, unsigned long size,
+                                               bool trackStarts);
     void ForgetRecycledFile(const ChunkFile& file);
     FileSystem::Chunk AppendInBlockLocked(FileSystem::Block& block, const TimePoint& tp,
                                           const TimePoint& duration, unsigned long size);
-    void CountAppended(const FileSystem::Chunk& chunk);
+    void CountFreed(const TrackFileBook::Freed& freed);
     void NoteFileSize(const ChunkFile& file);
     void NotePlaced(const ChunkFile& file);
     bool IsBeingWritten(const ChunkFile& file) const;
+    TrackFileBook::Keep KeepFileBeingWritten() const;
     std::vector<FileSystem::Chunk> StillIndexed(const std::vector<FileSystem::Chunk>& chunks) const;
-    void LogProgress(const FileSystem::Block& last);
     void CheckFactory() const;
-    ChunkHandle MakeHandle(const FileSystem::Chunk& chunk) const;
-    std::map<TimePoint, FileSystem::Block>::const_iterator BlockAtOrBefore(
-        const TimePoint& tp) const;
-    std::vector<ChunkFile> RemoveEmptyFilesUpTo(unsigned long size, unsigned long& taken);
-    std::vector<ChunkFile> RemoveBlocksUpTo(unsigned long size, unsigned long& taken);
+    // Null for no chunk; else sets `found` (when given) to its time point.
+    ChunkHandle MakeHandle(const std::optional<FileSystem::Chunk>& chunk, TimePoint* found) const;
     size_t ProtectRange(long id, const TimePoint& in, const TimePoint& out, bool mayHoldNothing);
     // Has the protections whose range the newest block lies in hold it.
     // With filesMutex_ and indexMutex_ held exclusively.
     void HoldNewestBlockLocked();
-    std::vector<ChunkFile> ProtectBlocks(long id, const TimePoint& in, const TimePoint& out);
-    bool RemoveFromEmptyFiles(const ChunkFile& file);
-    bool RemoveBlockOfFile(const ChunkFile& file);
 
     const long trackId_;
     tav::mr::logging::Logger logger_;
 
     mutable std::shared_mutex filesMutex_;
-    std::deque<ChunkFile> emptyFiles_;                          // guarded by filesMutex_
-    std::set<TimePoint> recyclableKeys_;                        // guarded by filesMutex_
-    std::map<unsigned long, std::set<TimePoint>> protections_;  // guarded by filesMutex_
-    ProtectionRanges protectionRanges_;                         // guarded by filesMutex_
-    std::set<IProtectionObserver*> protectionObservers_;        // guarded by filesMutex_
-    bool loopRecording_ = true;                                 // guarded by filesMutex_
+    std::deque<ChunkFile> emptyFiles_;                    // guarded by filesMutex_
+    std::set<TimePoint> recyclableKeys_;                  // guarded by filesMutex_
+    ProtectionTable protections_;                         // guarded by filesMutex_
+    std::set<IProtectionObserver*> protectionObservers_;  // guarded by filesMutex_
+    bool loopRecording_ = true;                           // guarded by filesMutex_
 
     mutable std::shared_mutex indexMutex_;
     std::map<TimePoint, FileSystem::Block> blocks_;  // guarded by indexMutex_
-    long chunkCounter_ = 0;                          // guarded by indexMutex_
     bool writing_ = false;                           // guarded by indexMutex_
     std::optional<ChunkFile> fileBeingWritten_;      // guarded by indexMutex_
 
     std::mutex dbMutex_;
     TrackDB trackDb_;  // guarded by dbMutex_
 
-    // Written by the appending thread (or under the locks above), read anywhere.
-    std::atomic<unsigned long> maxTrackSize_{0};
-    std::atomic<unsigned long> trackSize_{0};
-    std::atomic<unsigned long> fileSize_{0};
-    std::atomic<TimePoint> beginningOfTrack_{TimePoint()};
-    std::atomic<TimePoint> endOfTrack_{TimePoint()};
-    std::atomic<TimePoint> accumulatedDuration_{TimePoint()};
-    std::atomic<TimePoint> maxAge_{TimePoint()};  // written under dbMutex_
-
+    // Written by the appending thread (or under the locks above), read
+    // anywhere; its chunk counter is guarded by indexMutex_.
     TrackCounters counters_;
+    std::atomic<TimePoint> maxAge_{TimePoint()};  // written under dbMutex_
+    TrackActivity activity_;
+
     std::atomic<IChunkProtectionFactory*> chunkProtectionFactory_{nullptr};
     std::atomic<bool> durableRecycling_{true};
 };

@@ -1,28 +1,30 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
 
-// What one track's index did since it was loaded: chunks and bytes placed,
-// files taken back from old content for new chunks. Cheap on the append
-// path: relaxed atomic additions, no lock; readers get each counter on its
-// own, not a consistent snapshot of the three.
+#include "Platform/Time/TimePoint.h"
+
+// The running figures of one track's index: its sizes, its ends and the
+// counters stamped into every new chunk.
 //
-// Owned by the track's index; safe from any thread.
-class TrackCounters {
-  public:
-    void CountChunk(uint64_t bytes) {
-        chunks_.fetch_add(1, std::memory_order_relaxed);
-        bytes_.fetch_add(bytes, std::memory_order_relaxed);
-    }
-    void CountRecycledFile() { recycledFiles_.fetch_add(1, std::memory_order_relaxed); }
+// A value owned by the track index. The atomics are written under the
+// index's locks and read anywhere without one; chunkCounter is guarded by
+// the index lock.
+struct TrackCounters {
+    using TimePoint = Moreld::Time::TimePoint;
 
-    uint64_t GetChunks() const { return chunks_.load(std::memory_order_relaxed); }
-    uint64_t GetBytes() const { return bytes_.load(std::memory_order_relaxed); }
-    uint64_t GetRecycledFiles() const { return recycledFiles_.load(std::memory_order_relaxed); }
-
-  private:
-    std::atomic<uint64_t> chunks_{0};
-    std::atomic<uint64_t> bytes_{0};
-    std::atomic<uint64_t> recycledFiles_{0};
+    // Sum of the sizes of the track's files.
+    std::atomic<unsigned long> maxTrackSize{0};
+    // Payload bytes of the indexed chunks.
+    std::atomic<unsigned long> trackSize{0};
+    // The largest file the track was given; 0 before any file.
+    std::atomic<unsigned long> fileSize{0};
+    // The oldest recyclable block's key; TimePoint() when none.
+    std::atomic<TimePoint> beginningOfTrack{TimePoint()};
+    // End of the last chunk appended: a chunk starting before it is refused.
+    std::atomic<TimePoint> endOfTrack{TimePoint()};
+    // Sum of the durations appended since the track (re)started.
+    std::atomic<TimePoint> accumulatedDuration{TimePoint()};
+    // Chunks appended; stamped into each new chunk as its sequence number.
+    long chunkCounter = 0;
 };

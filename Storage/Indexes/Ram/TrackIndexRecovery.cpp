@@ -40,7 +40,7 @@ void TrackIndexRecovery::LoadEmptyFiles() {
         const bool inBlock = listedIn(blockFiles, file);
         if (!inBlock && !listedIn(m_.emptyFiles_, file)) {
             m_.emptyFiles_.push_back(file);
-            m_.maxTrackSize_ += static_cast<unsigned long>(file.Size());
+            m_.counters_.maxTrackSize += static_cast<unsigned long>(file.Size());
             m_.NoteFileSize(file);
             continue;
         }
@@ -111,8 +111,8 @@ void TrackIndexRecovery::OpenDatabase(const std::string& directory) {
     unsigned long sequence = 0;
     for (auto& [key, block] : m_.blocks_)
         block.Restamp(accumulated, sequence);
-    m_.accumulatedDuration_ = accumulated;
-    m_.chunkCounter_ = static_cast<long>(sequence);
+    m_.counters_.accumulatedDuration = accumulated;
+    m_.counters_.chunkCounter = static_cast<long>(sequence);
     if (chunkCount == 0) {
         MR_LOG(
             m_.logger_, 30,
@@ -125,7 +125,7 @@ void TrackIndexRecovery::OpenDatabase(const std::string& directory) {
                    << chunkCount << " chunks in " << m_.blocks_.size() << " files from "
                    << m_.blocks_.begin()->second.GetTcIn() << " to "
                    << m_.blocks_.rbegin()->second.GetTcOut() << ". Max track size is "
-                   << m_.maxTrackSize_.load() / 1000000 << "MB.");
+                   << m_.counters_.maxTrackSize.load() / 1000000 << "MB.");
     }
     m_.AdaptBeginningOfTrack();
 }
@@ -189,7 +189,8 @@ void TrackIndexRecovery::DropNewestBlock(const FileSystem::Block& block) {
         m_.trackDb_.RemoveAndAddAsEmptyFile(file);
     }
     const TimePoint key = block.GetTcIn();
-    m_.trackSize_ = m_.trackSize_.load() + kFileHeaderSize - block.GetCurrentSize();
+    m_.counters_.trackSize =
+        m_.counters_.trackSize.load() + kFileHeaderSize - block.GetCurrentSize();
     m_.recyclableKeys_.erase(key);
     m_.blocks_.erase(key);
 }
@@ -214,7 +215,8 @@ void TrackIndexRecovery::KeepFirstChunks(const FileSystem::Block& block, size_t 
         std::lock_guard<std::mutex> db(m_.dbMutex_);
         m_.trackDb_.SaveAndRemove(rows);
     }
-    m_.trackSize_ = m_.trackSize_.load() + trimmed.GetCurrentSize() - block.GetCurrentSize();
+    m_.counters_.trackSize =
+        m_.counters_.trackSize.load() + trimmed.GetCurrentSize() - block.GetCurrentSize();
     // Assignment keeps the protections of the indexed block.
     m_.blocks_.at(block.GetTcIn()) = trimmed;
 }
@@ -243,16 +245,16 @@ void TrackIndexRecovery::HandlePowerFailure(const std::string& root) {
     }
     if (!m_.blocks_.empty()) {
         const FileSystem::Block& newest = m_.blocks_.rbegin()->second;
-        m_.endOfTrack_ = newest.GetTcOut();
-        m_.accumulatedDuration_ = newest.GetLastChunk().accumulatedDuration;
-        m_.chunkCounter_ = static_cast<long>(newest.GetLastChunk().sequenceNumber) + 1;
+        m_.counters_.endOfTrack = newest.GetTcOut();
+        m_.counters_.accumulatedDuration = newest.GetLastChunk().accumulatedDuration;
+        m_.counters_.chunkCounter = static_cast<long>(newest.GetLastChunk().sequenceNumber) + 1;
     }
     m_.AdaptBeginningOfTrack();
     MR_LOG(m_.logger_, 30, "T" << m_.trackId_ << ": Power failure recovery over");
     MR_LOG(m_.logger_, 30,
            "T" << m_.trackId_ << ": " << m_.emptyFiles_.size() << " empty files and "
                << m_.blocks_.size() << " blocks. Track goes now from "
-               << m_.beginningOfTrack_.load() << " to " << m_.endOfTrack_.load());
+               << m_.counters_.beginningOfTrack.load() << " to " << m_.counters_.endOfTrack.load());
     std::lock_guard<std::mutex> db(m_.dbMutex_);
     m_.trackDb_.SetActiveMode(false);
 }

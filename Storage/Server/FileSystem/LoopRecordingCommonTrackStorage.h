@@ -15,7 +15,9 @@
 #include "Storage/Indexes/File/FilesPool.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
 #include "Storage/Indexes/SQLite/ProtectionDB.h"
+#include "Storage/Server/FileSystem/TrackFileMoves.h"
 #include "Storage/Server/FileSystem/TrackPropertiesCache.h"
+#include "Storage/Server/FileSystem/TrackProtections.h"
 #include "Storage/Server/FileSystem/TrackRetention.h"
 #include "Storage/Server/Monitoring.h"
 
@@ -27,6 +29,9 @@
 //
 // Refers to the directory handler and the index registry (owned by the
 // service factory, which outlives it); shares the pools.
+//
+// The moves of files (TrackFileMoves) and the protections (TrackProtections)
+// are helpers without locks of their own, called under the mutexes below.
 //
 // Thread safety: every operation is safe from any thread. Two independent
 // mutexes: poolMutex_ serialises what moves files (create, resize, delete,
@@ -83,7 +88,7 @@ class LoopRecordingCommonTrackStorage {
     size_t LiftExpiredProtections();
     // The clock of expiries (the wall clock by default). Set before the
     // protection database is opened.
-    void SetClock(std::function<TimePoint()> clock) { clock_ = std::move(clock); }
+    void SetClock(std::function<TimePoint()> clock) { protections_.SetClock(std::move(clock)); }
     void ListProtections(Protocol::ProtectionInfos& out);
     void SetTrackProperties(const long& track, const Protocol::PropertyList& properties);
     void RemoveTrackProperties(const long& track, const Protocol::PropertyList& properties);
@@ -110,30 +115,18 @@ class LoopRecordingCommonTrackStorage {
 
   private:
     std::shared_ptr<FilesPool> FirstPool() const;  // null when there is none
-    long ChooseTrackId(long requested) const;
-    void ShrinkTrack(long id, unsigned long bytes, LoopRecordingFileManager& manager,
-                     Protocol::TrackParameters& out);
-    void ExtendTrack(long id, unsigned long bytes, LoopRecordingFileManager& manager,
-                     Protocol::TrackParameters& out);
-    // Returns the unprotected files of a track being deleted to the pool;
-    // true when nothing is left and the track is gone (but its properties).
-    bool GiveBackUnprotectedFiles(long id, FilesPool& pool, Protocol::TrackParameters& out);
     Monitoring& RequireMonitoring(const char* message) const;
-    // With accessMutex_ held.
-    void UnprotectLocked(long protectionId);
-    size_t LiftExpiredLocked();
 
+    tav::mr::logging::Logger logger_;
     DirectoryHandler& directories_;
     LoopRecordingFileManagers& managers_;
     mutable std::mutex poolsMutex_;  // guards pools_ only, held briefly
     std::set<std::shared_ptr<FilesPool>> pools_;
-    ProtectionDB protectionDb_;        // guarded by accessMutex_
+    TrackFileMoves moves_;             // guarded by poolMutex_
+    TrackProtections protections_;     // guarded by accessMutex_
     TrackPropertiesCache properties_;  // guarded by accessMutex_
     TrackRetention retention_;         // guarded by accessMutex_
-    long lastProtectionId_ = 0;        // guarded by accessMutex_
     Monitoring* monitoring_ = nullptr;
-    std::function<TimePoint()> clock_ = [] { return TimePoint::Now(); };
     mutable std::mutex poolMutex_;
     mutable std::mutex accessMutex_;
-    tav::mr::logging::Logger logger_;
 };

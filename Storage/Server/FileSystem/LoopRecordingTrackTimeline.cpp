@@ -103,7 +103,7 @@ bool LoopRecordingTrackTimeline::ReadStatistics(long trackId, Protocol::TrackSta
     if (!managers_.Exists(trackId))
         return false;
     const LoopRecordingFileManager& manager = *managers_.GetManager(trackId);
-    const TrackCounters& counters = manager.GetCounters();
+    const TrackActivity& counters = manager.GetActivity();
     out.set_track_id(trackId);
     out.set_chunks_written(counters.GetChunks());
     out.set_bytes_written(counters.GetBytes());

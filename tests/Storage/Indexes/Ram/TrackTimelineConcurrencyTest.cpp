@@ -111,8 +111,8 @@ TEST(TrackTimelineConcurrency, ReadersSeeWholeGroupsWhileTheWriterAppendsAndRecy
     ASSERT_EQ(ranges.size(), 15u);
     EXPECT_EQ(ranges.front().start, Ns((kChunks - 150) * kStepNs));
     EXPECT_EQ(CheckGroups(ranges), "");
-    EXPECT_EQ(m->GetCounters().GetChunks(), static_cast<uint64_t>(kChunks));
-    EXPECT_EQ(m->GetCounters().GetRecycledFiles(), static_cast<uint64_t>(kChunks / 25 - 6));
+    EXPECT_EQ(m->GetActivity().GetChunks(), static_cast<uint64_t>(kChunks));
+    EXPECT_EQ(m->GetActivity().GetRecycledFiles(), static_cast<uint64_t>(kChunks / 25 - 6));
 }
 
 }  // namespace

@@ -136,7 +136,7 @@ TEST(TrackTimeline, RangesFollowPausesInsideAndBetweenBlocksAcrossRecyclingAndRe
     EXPECT_EQ(Ranges(*m, -100, 100, 0), "[6.00,9.00)[20.0,23.0)[23.5,25.5)[30.0,38.0)");
     EXPECT_EQ(Ranges(*m, -100, 100, 11), "[6.00,38.0)");
     EXPECT_EQ(Chunks(*m, -1, 6.5, 10), "60/4 ");
-    const TrackCounters& counters = m->GetCounters();
+    const TrackActivity& counters = m->GetActivity();
     EXPECT_EQ(counters.GetChunks(), 8u);
     EXPECT_EQ(counters.GetBytes(), 8 * kChunkBytes);
     EXPECT_EQ(counters.GetRecycledFiles(), 1u);
