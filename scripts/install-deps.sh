@@ -14,6 +14,7 @@ PACKAGES=(
   libgrpc++-dev protobuf-compiler-grpc
   libcli11-dev nlohmann-json3-dev
   ffmpeg libavformat-dev libavcodec-dev libavutil-dev
+  python3-prometheus-client python3-grpcio
   clang libclang-rt-14-dev
   nodejs chromium chromium-driver python3-selenium
 )
