@@ -6,7 +6,7 @@
 namespace loopstore::host {
 
 // Adds the playback routes of the tracks to `router`: HLS playlists (range
-// and live) and their MPEG-TS segments. The handlers refer to `service`,
+// and live), their MPEG-TS segments and MP4 downloads of a range. The handlers refer to `service`,
 // which must outlive the router; they may run on many threads at once.
 void AddHlsRoutes(HttpRouter& router, MoreldStorageApi::Service& service);
 

@@ -84,6 +84,13 @@ int Demuxer::ReferenceStream() const {
     return video >= 0 ? video : 0;
 }
 
+bool Demuxer::IsAudioOrVideo(unsigned index) const {
+    const AVCodecParameters& codec = *Stream(index).codecpar;
+    const bool media =
+        codec.codec_type == AVMEDIA_TYPE_VIDEO || codec.codec_type == AVMEDIA_TYPE_AUDIO;
+    return media && codec.codec_id != AV_CODEC_ID_NONE;
+}
+
 int Demuxer::ReadPacket(void* opaque, uint8_t* buffer, int size) {
     auto* self = static_cast<Demuxer*>(opaque);
     try {

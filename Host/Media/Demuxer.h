@@ -44,6 +44,9 @@ class Demuxer {
     // The stream whose key frames a clip starts on: the first video stream,
     // else stream 0.
     int ReferenceStream() const;
+    // True for an audio or video stream of a known codec: what a clip keeps
+    // (data and subtitle streams of a transport stream have no place in MP4).
+    bool IsAudioOrVideo(unsigned index) const;
 
   private:
     // Frees the contexts; also the constructor's way out on failure.

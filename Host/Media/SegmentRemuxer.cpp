@@ -25,10 +25,7 @@ constexpr char kSyncByte = 0x47;
 std::map<int, int> AddStreams(const Demuxer& input, Muxer& output) {
     std::map<int, int> streams;
     for (unsigned i = 0; i < input.StreamCount(); ++i) {
-        const AVCodecParameters& codec = *input.Stream(i).codecpar;
-        const bool media =
-            codec.codec_type == AVMEDIA_TYPE_VIDEO || codec.codec_type == AVMEDIA_TYPE_AUDIO;
-        if (media && codec.codec_id != AV_CODEC_ID_NONE)
+        if (input.IsAudioOrVideo(i))
             streams[static_cast<int>(i)] = output.AddStream(input.Stream(i));
     }
     return streams;

@@ -1,11 +1,17 @@
 #include <gtest/gtest.h>
 
+extern "C" {
+#include <libavcodec/packet.h>
+}
+
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "Host/Cli/MpegTsChunker.h"
+#include "Host/Media/Demuxer.h"
 #include "Host/Media/SegmentRemuxer.h"
 #include "tests/Host/Hls/PlaybackStore.h"
 #include "tests/Support/TempDir.h"
@@ -17,13 +23,6 @@ constexpr int64_t kMs = 1'000'000;
 constexpr int64_t kSecond = 1000 * kMs;
 // 2026-11-22T10:00:00Z
 constexpr int64_t kBase = 1'795'341'600 * kSecond;
-
-std::string Header(const host::HttpResponse& response, const std::string& name) {
-    for (const auto& [key, value] : response.headers)
-        if (key == name)
-            return value;
-    return "";
-}
 
 std::vector<std::string> Uris(const std::string& playlist) {
     std::vector<std::string> uris;
@@ -46,19 +45,6 @@ std::string Ms(int64_t ns) {
     return std::to_string(ns / kMs);
 }
 
-// A camera's stream made by ffmpeg, cut into chunks of about a second.
-std::vector<cli::SourceChunk> CameraChunks(const TempDir& dir, int seconds) {
-    const std::string path = dir / "camera.ts";
-    EXPECT_EQ(
-        RunShell("ffmpeg -loglevel error -f lavfi -i testsrc2=size=320x180:rate=25 -t " +
-                 std::to_string(seconds) + " -c:v libx264 -g 25 -b:v 150k -f mpegts -y " + path),
-        0);
-    cli::MpegTsChunker chunker(Moreld::Time::TimePoint::FromSeconds(1), 48 * 1024);
-    chunker.Feed(ReadFile(path));
-    chunker.Finish();
-    return {chunker.Ready().begin(), chunker.Ready().end()};
-}
-
 class HlsRoutesTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -76,15 +62,8 @@ TEST_F(HlsRoutesTest, PlaylistsNameTheStoredChunksAndSegmentsServeThemAsStored) 
     const std::vector<cli::SourceChunk> chunks = CameraChunks(dir_, 6);
     ASSERT_GE(chunks.size(), 5u);
     PlaybackStore store;
-    std::vector<int64_t> starts;
-    int64_t at = kBase;
-    for (size_t i = 0; i < chunks.size(); ++i) {
-        if (i == 2)
-            at += 10 * kSecond;  // the camera paused
-        starts.push_back(at);
-        store.Append(at, chunks[i].duration.ToNanoseconds(), chunks[i].payload);
-        at += chunks[i].duration.ToNanoseconds();
-    }
+    const std::vector<int64_t> starts = store.Record(chunks, kBase, 2, 10 * kSecond);
+    const int64_t at = starts.back() + chunks.back().duration.ToNanoseconds();
     const std::string track = "/api/tracks/1/";
 
     const host::HttpResponse vod =
@@ -174,6 +153,37 @@ TEST_F(HlsRoutesTest, ChunkInAnotherContainerIsRemuxedToMpegTs) {
         << garbage.body;
     EXPECT_EQ(store.Get("/api/tracks/1/live.m3u8").status, 503);
     EXPECT_EQ(store.Get("/api/tracks/1/vod.m3u8").status, 503);
+}
+
+// The first video packet of `chunk` demuxed on its own: whether it is a key
+// frame.
+bool StartsWithKeyFrame(const std::string& chunk) {
+    size_t used = 0;
+    media::Demuxer demuxer([&](uint8_t* buffer, size_t size) {
+        const size_t n = std::min(size, chunk.size() - used);
+        std::memcpy(buffer, chunk.data() + used, n);
+        used += n;
+        return n;
+    });
+    media::Packet packet;
+    while (demuxer.Read(packet))
+        if (packet->stream_index == demuxer.ReferenceStream())
+            return (packet->flags & AV_PKT_FLAG_KEY) != 0;
+    return false;
+}
+
+// A camera stream from ffmpeg (a key frame every 1.2 s) cut for recording
+// in chunks of 1 s: every chunk plays on its own from its first frame, and
+// lasts from key frame to key frame.
+TEST_F(HlsRoutesTest, RecordedChunksStartWithAKeyFrame) {
+    const std::vector<cli::SourceChunk> chunks = CameraChunks(dir_, 7, 30);
+    ASSERT_GE(chunks.size(), 5u);
+    for (size_t i = 0; i < chunks.size(); ++i) {
+        EXPECT_TRUE(StartsWithKeyFrame(chunks[i].payload)) << "chunk " << i;
+        if (i + 1 < chunks.size()) {  // the last one gets the nominal duration
+            EXPECT_NEAR(chunks[i].duration.ToNanoseconds(), 1200 * kMs, 20 * kMs) << "chunk " << i;
+        }
+    }
 }
 
 }  // namespace

@@ -5,6 +5,9 @@
 #include <iterator>
 #include <sstream>
 
+#include <gtest/gtest.h>
+
+#include "Host/Cli/MpegTsChunker.h"
 #include "Host/Hls/HlsRoutes.h"
 
 namespace loopstore::test {
@@ -135,6 +138,38 @@ void PlaybackStore::Append(int64_t start, int64_t duration, const std::string& b
 
 host::HttpResponse PlaybackStore::Get(const std::string& target) const {
     return router_.Route(Request(target));
+}
+
+std::vector<int64_t> PlaybackStore::Record(const std::vector<cli::SourceChunk>& chunks,
+                                           int64_t start, size_t pauseBefore, int64_t pause) {
+    std::vector<int64_t> starts;
+    for (size_t i = 0; i < chunks.size(); ++i) {
+        if (i == pauseBefore)
+            start += pause;
+        starts.push_back(start);
+        Append(start, chunks[i].duration.ToNanoseconds(), chunks[i].payload);
+        start += chunks[i].duration.ToNanoseconds();
+    }
+    return starts;
+}
+
+std::vector<cli::SourceChunk> CameraChunks(const TempDir& dir, int seconds, int gop) {
+    const std::string path = dir / "camera.ts";
+    EXPECT_EQ(RunShell("ffmpeg -loglevel error -f lavfi -i testsrc2=size=320x180:rate=25 -t " +
+                       std::to_string(seconds) + " -c:v libx264 -g " + std::to_string(gop) +
+                       " -b:v 150k -muxdelay 0 -muxpreload 0 -f mpegts -y " + path),
+              0);
+    cli::MpegTsChunker chunker(Moreld::Time::TimePoint::FromSeconds(1), 48 * 1024);
+    chunker.Feed(ReadFile(path));
+    chunker.Finish();
+    return {chunker.Ready().begin(), chunker.Ready().end()};
+}
+
+std::string Header(const host::HttpResponse& response, const std::string& name) {
+    for (const auto& [key, value] : response.headers)
+        if (key == name)
+            return value;
+    return "";
 }
 
 int RunShell(const std::string& command) {

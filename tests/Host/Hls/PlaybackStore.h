@@ -3,10 +3,13 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "Host/Cli/IChunkSource.h"
 #include "Host/Http/HttpRouter.h"
 #include "Platform/Services/Service.h"
 #include "tests/Storage/Server/Factories/StorageFixture.h"
+#include "tests/Support/TempDir.h"
 
 namespace loopstore::test {
 
@@ -23,6 +26,10 @@ class PlaybackStore {
 
     // Stores one chunk of `bytes` at `start` lasting `duration` (ns).
     void Append(int64_t start, int64_t duration, const std::string& bytes);
+    // Stores `chunks` one after the other from `start`, with a pause of
+    // `pause` ns before chunk `pauseBefore`; their time points.
+    std::vector<int64_t> Record(const std::vector<cli::SourceChunk>& chunks, int64_t start,
+                                size_t pauseBefore, int64_t pause);
 
     // GET `target` ("/path?a=1&b=2") through the routes.
     host::HttpResponse Get(const std::string& target) const;
@@ -36,6 +43,13 @@ class PlaybackStore {
     std::unique_ptr<MoreldStorageApi::ITrackWriter> writer_;
 };
 
+// A camera's stream made by ffmpeg, 25 frames a second with a key frame
+// every `gop`, cut for recording into chunks of at least a second. Its
+// clock (PCR) runs with the frames' decoding times (no mux delay), so that
+// a frame is shown about when the chunk's time says.
+std::vector<cli::SourceChunk> CameraChunks(const TempDir& dir, int seconds, int gop = 25);
+// The value of the response's header `name`, or "".
+std::string Header(const host::HttpResponse& response, const std::string& name);
 // Runs `command` with sh; its exit status.
 int RunShell(const std::string& command);
 bool HasProgram(const std::string& name);
