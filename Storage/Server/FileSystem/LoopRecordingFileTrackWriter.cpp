@@ -3,12 +3,14 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "Platform/File/ChunkFileHeader.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Plexa/Converter.h"
 #include "Platform/Services/StorageErrors.h"
 #include "Platform/Tools/StdTimer.h"
 #include "Platform/Tools/SyncPoint.h"
 
+using Moreld::File::ChunkFileHeader;
 using Moreld::Time::TimePoint;
 
 namespace {
@@ -16,8 +18,6 @@ namespace {
 // Bytes a writer lets its track's cache hold; never more than the budget the
 // caches share, when the host set one.
 constexpr unsigned long kWriterCacheBytes = 50000000;
-// Every chunk file starts with a header of this size.
-constexpr unsigned long kFileHeaderSize = 16;
 
 long Milliseconds(const Moreld::Tools::StdTimer& timer) {
     return timer.GetEllapsedTime() / 1000;
@@ -180,7 +180,7 @@ void LoopRecordingFileTrackWriter::CheckRoom(const TimePoint& t, unsigned long s
         MR_LOG(logger_, 50, msg.str());
         throw MoreldStorageApi::StoreBusyError(msg.str());
     }
-    if (fileSize < kFileHeaderSize || size > fileSize - kFileHeaderSize) {
+    if (fileSize < ChunkFileHeader::kSize || size > fileSize - ChunkFileHeader::kSize) {
         msg << "T" << trackId_ << ": Chunk at " << t << " takes " << size << "B on file: files of "
             << fileSize << "B cannot hold a chunk of size " << size;
         MR_LOG(logger_, 50, msg.str());
