@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "Platform/Services/StorageErrors.h"
+
 namespace {
 
 struct HeldTracks {
@@ -24,8 +26,8 @@ TrackLock::TrackLock(long trackId) : trackId_(trackId) {
     HeldTracks& held = Held();
     std::lock_guard<std::mutex> lock(held.mutex);
     if (!held.ids.insert(trackId).second) {
-        throw std::runtime_error("Track " + std::to_string(trackId) +
-                                 " is already being written to");
+        throw MoreldStorageApi::StoreBusyError("Track " + std::to_string(trackId) +
+                                               " is already being written to");
     }
 }
 

@@ -160,6 +160,8 @@ class FilesPool {
     // change, so updating them in place keeps the set ordered.
     static ChunkFile& Entry(FileSet::iterator it) { return const_cast<ChunkFile&>(*it); }
     [[noreturn]] void Refuse(const std::string& message) const;
+    // The same for a pool short of files (MoreldStorageApi::OutOfSpaceError).
+    [[noreturn]] void RefuseForRoom(const std::string& message) const;
 
     mutable std::mutex mutex_;
     PoolDB db_;                  // guarded by mutex_

@@ -53,7 +53,7 @@ void Block::Reset(const BlockConfiguration& configuration) {
     configuration_ = configuration;
     startTime_ = TimePoint();
     endTime_ = TimePoint();
-    currentSize_ = kFileHeaderSize;
+    currentSize_ = Moreld::File::ChunkFileHeader::kSize;
     chunks_.clear();
     gaps_.Clear();
     protections_.clear();
@@ -247,8 +247,9 @@ unsigned long Block::ExpectedChunks(unsigned long size) const {
     if (maxChunk != 0) {
         expected = std::min(expected, maxChunk);
     }
-    if (maxSize > kFileHeaderSize && size != 0) {
-        expected = std::min(expected, (maxSize - kFileHeaderSize) / size);
+    constexpr unsigned long kHeader = Moreld::File::ChunkFileHeader::kSize;
+    if (maxSize > kHeader && size != 0) {
+        expected = std::min(expected, (maxSize - kHeader) / size);
     }
     return std::max(expected, 1UL);
 }

@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 
+#include "Platform/File/ChunkFileHeader.h"
 #include "Platform/Time/TimePoint.h"
 #include "Storage/Indexes/File/ChunkFile.h"
 #include "Storage/Indexes/Ram/BlockConfiguration.h"
@@ -117,8 +118,6 @@ class Block {
     std::set<unsigned long>& GetProtections() { return protections_; }
 
   private:
-    static constexpr unsigned long kFileHeaderSize = 16;
-
     // The last chunk starting at or before `tp`, or chunks_.end().
     ChunkMap::const_iterator LastStartingAtOrBefore(const TimePoint& tp) const;
     bool StartsTooEarly(const Chunk& chunk) const;
@@ -130,7 +129,7 @@ class Block {
     TimePoint startTime_;
     TimePoint endTime_;
     BlockConfiguration configuration_;
-    unsigned long currentSize_ = kFileHeaderSize;
+    unsigned long currentSize_ = Moreld::File::ChunkFileHeader::kSize;
     ChunkMap chunks_;
     BlockGaps gaps_;
     std::set<unsigned long> protections_;

@@ -4,6 +4,7 @@
 
 #include "Platform/File/ChunkFileHeader.h"
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Services/StorageErrors.h"
 #include "Platform/Tools/StrCat.h"
 
 using Moreld::File::ChunkFileHeader;
@@ -16,7 +17,7 @@ void ChunkPlacer::CheckAfterEndOfTrack(const TimePoint& tp) const {
             StrCat("T", trackId_, ": Chunk's timepoint ", tp, " (", tp.ToNanoseconds(),
                    "ns) < end of track ", end, " (", end.ToNanoseconds(), "ns)");
         MR_LOG(logger_, 50, msg);
-        throw std::runtime_error(msg);
+        throw MoreldStorageApi::InvalidArgumentError(msg);
     }
 }
 

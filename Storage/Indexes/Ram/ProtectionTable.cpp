@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Services/StorageErrors.h"
 #include "Platform/Tools/StrCat.h"
 
 using Moreld::Tools::StrCat;
@@ -10,10 +11,12 @@ using Moreld::Tools::StrCat;
 void ProtectionTable::CheckRequest(unsigned long id, const TimePoint& in,
                                    const TimePoint& out) const {
     if (id == 0)
-        Refuse(40, StrCat("Protection id 0 is not accepted to protect from ", in, " to ", out));
+        Refuse<MoreldStorageApi::InvalidArgumentError>(
+            40, StrCat("Protection id 0 is not accepted to protect from ", in, " to ", out));
     if (out <= in) {
-        Refuse(40, StrCat("Timepoint OUT ", out, " must be > timepoint IN ", in,
-                          " to call Protect on track ", trackId_));
+        Refuse<MoreldStorageApi::InvalidArgumentError>(
+            40, StrCat("Timepoint OUT ", out, " must be > timepoint IN ", in,
+                       " to call Protect on track ", trackId_));
     }
 }
 
@@ -23,24 +26,28 @@ std::vector<ChunkFile> ProtectionTable::Protect(unsigned long id, const TimePoin
                                                 std::set<TimePoint>& recyclableKeys) {
     const long signedId = static_cast<long>(id);
     if (Has(id)) {
-        Refuse(40, StrCat("Protection id ", signedId, " already used t protect from ", in, " to ",
-                          out));
+        Refuse<MoreldStorageApi::AlreadyExistsError>(
+            40,
+            StrCat("Protection id ", signedId, " already used t protect from ", in, " to ", out));
     }
     MR_LOG(logger_, 30,
            "T" << trackId_ << ": Protect from " << in << " to " << out << " with protection id "
                << signedId);
     if (blocks.empty() && !mayHoldNothing)
-        Refuse(30, StrCat("Nothing to protect on track ", trackId_, ": track is empty"));
+        Refuse<MoreldStorageApi::StoreBusyError>(
+            30, StrCat("Nothing to protect on track ", trackId_, ": track is empty"));
     std::vector<ChunkFile> files = HoldBlocks(id, in, out, blocks, recyclableKeys);
     if (files.empty() && !mayHoldNothing)
-        Refuse(30, StrCat("Protect on track ", trackId_, ": no files were protected"));
+        Refuse<MoreldStorageApi::StoreBusyError>(
+            30, StrCat("Protect on track ", trackId_, ": no files were protected"));
     KeepRange(id, in, out);
     return files;
 }
 
+template <typename Error>
 void ProtectionTable::Refuse(int level, const std::string& msg) const {
     MR_LOG(logger_, level, msg);
-    throw std::runtime_error(msg);
+    throw Error(msg);
 }
 
 std::vector<ChunkFile> ProtectionTable::HoldBlocks(unsigned long id, const TimePoint& in,

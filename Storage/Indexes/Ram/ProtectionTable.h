@@ -57,7 +57,8 @@ class ProtectionTable {
     unsigned long Release(unsigned long id, Blocks& blocks, std::set<TimePoint>& recyclableKeys);
 
   private:
-    // Logs `msg` at `level` and throws it.
+    // Logs `msg` at `level` and throws it as an `Error`.
+    template <typename Error>
     [[noreturn]] void Refuse(int level, const std::string& msg) const;
     void Hold(unsigned long id, const TimePoint& key, FileSystem::Block& block,
               std::set<TimePoint>& recyclableKeys);

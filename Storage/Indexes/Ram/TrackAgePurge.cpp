@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Services/StorageErrors.h"
 #include "Platform/Tools/SyncPoint.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 
@@ -21,7 +22,7 @@ void TrackAgePurge::SetMaxAge(const TimePoint& maxAge) {
         msg << "T" << m_.trackId_ << ": max age must not be negative, got "
             << maxAge.ToDurationString();
         MR_LOG(m_.logger_, 40, msg.str());
-        throw std::runtime_error(msg.str());
+        throw MoreldStorageApi::InvalidArgumentError(msg.str());
     }
     std::lock_guard<std::mutex> db(m_.dbMutex_);
     m_.trackDb_.SetMaxAge(maxAge);

@@ -4,6 +4,7 @@
 
 #include "Platform/File/ChunkFileHeader.h"
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Services/StorageErrors.h"
 #include "Platform/Tools/StrCat.h"
 
 using Moreld::File::ChunkFileHeader;
@@ -24,7 +25,7 @@ TrackFileBook::FileChoice TrackFileBook::ChooseForNewBlock(const TimePoint& tp, 
             StrCat("T", trackId_, ": No more recyclable file available to store chunk at ", tp,
                    " of size ", size, ". Grow track or unprotect some content");
         MR_LOG(logger_, 40, msg);
-        throw std::runtime_error(msg);
+        throw MoreldStorageApi::OutOfSpaceError(msg);
     }
     const TimePoint key = *recyclableKeys_.begin();
     auto it = blocks_.find(key);
@@ -54,14 +55,14 @@ ChunkFile TrackFileBook::FirstEmptyFile(const TimePoint& tp, unsigned long size,
         MR_LOG(logger_, 50,
                "T" << trackId_ << ": no block and no empty files to store chunk at " << tp
                    << ". recyclableKeys has " << recyclableKeys_.size() << " elements");
-        throw std::runtime_error(StrCat("You must call GrowTrack to store chunks at ",
-                                        tp.ToString(), " for track ", trackId_));
+        throw MoreldStorageApi::StoreBusyError(StrCat("You must call GrowTrack to store chunks at ",
+                                                      tp.ToString(), " for track ", trackId_));
     }
     ChunkFile file = emptyFiles_.front();
     file.SetFromEmptyFile(true);
     loopRecording = false;
     if (static_cast<unsigned long>(file.Size()) < size) {
-        throw std::runtime_error(StrCat(
+        throw MoreldStorageApi::InvalidArgumentError(StrCat(
             "Empty file ", file.ToString(), " cannot hold a chunk of size ", size, " on track",
             trackId_, ". The pool must contains bigger files to store this chunk"));
     }
@@ -209,7 +210,7 @@ void TrackFileBook::CheckRoom(const ChunkFile& file, unsigned long size) const {
         std::string msg = StrCat("Current file ", file.ToString(), " cannot hold a chunk of size ",
                                  size, " on track", trackId_);
         MR_LOG(logger_, 50, msg);
-        throw std::runtime_error(msg);
+        throw MoreldStorageApi::InvalidArgumentError(msg);
     }
 }
 

@@ -6,8 +6,10 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "Platform/File/ChunkFileHeader.h"
 #include "Platform/File/DataChunkFileAppender.h"
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/StrCat.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 
 using Moreld::Time::TimePoint;
@@ -15,16 +17,6 @@ using Moreld::Time::TimePoint;
 namespace {
 
 using UniqueLock = std::unique_lock<std::shared_mutex>;
-
-// Every chunk file starts with a header of this size.
-constexpr unsigned long kFileHeaderSize = 16;
-
-template <typename... Parts>
-std::string Concat(const Parts&... parts) {
-    std::ostringstream os;
-    (os << ... << parts);
-    return os.str();
-}
 
 }  // namespace
 
@@ -96,7 +88,8 @@ void TrackIndexRecovery::OpenDatabase(const std::string& directory) {
     {
         std::lock_guard<std::mutex> db(m_.dbMutex_);
         if (!m_.trackDb_.Open(directory, m_.trackId_)) {
-            throw std::runtime_error(Concat("Could not open DB on track ", m_.trackId_));
+            throw std::runtime_error(
+                Moreld::Tools::StrCat("Could not open DB on track ", m_.trackId_));
         }
     }
     UniqueLock files(m_.filesMutex_);
@@ -189,8 +182,8 @@ void TrackIndexRecovery::DropNewestBlock(const FileSystem::Block& block) {
         m_.trackDb_.RemoveAndAddAsEmptyFile(file);
     }
     const TimePoint key = block.GetTcIn();
-    m_.counters_.trackSize =
-        m_.counters_.trackSize.load() + kFileHeaderSize - block.GetCurrentSize();
+    m_.counters_.trackSize = m_.counters_.trackSize.load() + Moreld::File::ChunkFileHeader::kSize -
+                             block.GetCurrentSize();
     m_.recyclableKeys_.erase(key);
     m_.blocks_.erase(key);
 }

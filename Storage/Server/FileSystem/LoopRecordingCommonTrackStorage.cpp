@@ -4,6 +4,7 @@
 
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Plexa/Converter.h"
+#include "Platform/Services/StorageErrors.h"
 #include "Platform/Tools/StrCat.h"
 
 using Moreld::Plexa::Converter;
@@ -88,10 +89,11 @@ void LoopRecordingCommonTrackStorage::GrowTrack(const Protocol::TrackParameters&
     if (!FirstPool()) {
         std::string msg = StrCat("Cannot ResizeTrack ", id, ": No pool available");
         MR_LOG(logger_, 30, msg);
-        throw std::runtime_error(msg);
+        throw MoreldStorageApi::StoreBusyError(msg);
     }
     if (!directories_.Exist(id)) {
-        throw std::runtime_error(StrCat("Cannot ResizeTrack ", id, ": Track is not created"));
+        throw MoreldStorageApi::NotFoundError(
+            StrCat("Cannot ResizeTrack ", id, ": Track is not created"));
     }
     out.set_id(id);
     out.set_status(1);
@@ -117,16 +119,17 @@ void LoopRecordingCommonTrackStorage::DeleteTrack(const long& id, Protocol::Trac
         std::lock_guard<std::mutex> track(monitoring.GetMutex(id));
         const auto workers = monitoring.GetNumberWorkers(id);
         if (workers != 0) {
-            throw std::runtime_error(StrCat("T", id, ": Cannot DeleteTrack, there are still ",
-                                            workers,
-                                            " active workers on it. Close your readers and writers "
-                                            "then try again"));
+            throw MoreldStorageApi::StoreBusyError(
+                StrCat("T", id, ": Cannot DeleteTrack, there are still ", workers,
+                       " active workers on it. Close your readers and writers "
+                       "then try again"));
         }
         MR_LOG(logger_, 30, "Deleting track " << id << "...");
         pool = FirstPool();
         if (!pool) {
-            throw std::runtime_error(StrCat("No pool available to Restore the files for track ", id,
-                                            ": we don't delete the track"));
+            throw MoreldStorageApi::StoreBusyError(
+                StrCat("No pool available to Restore the files for track ", id,
+                       ": we don't delete the track"));
         }
         if (!managers_.Exists(id)) {
             MR_LOG(logger_, 30, "T" << id << ": doesn't exist");
@@ -303,7 +306,7 @@ void LoopRecordingCommonTrackStorage::OpenPropertiesDatabase(const std::string& 
 void LoopRecordingCommonTrackStorage::SetTrackProperties(const long& track,
                                                          const Protocol::PropertyList& properties) {
     if (!managers_.Exists(track)) {
-        throw std::runtime_error(
+        throw MoreldStorageApi::NotFoundError(
             StrCat("T", track, ": does not exist, you cannot SetTrackProperties"));
     }
     std::lock_guard<std::mutex> lock(accessMutex_);
@@ -343,7 +346,7 @@ void LoopRecordingCommonTrackStorage::SetTrackMaxAge(const long& id, const TimeP
     if (!managers_.Exists(id)) {
         std::string msg = StrCat("Track ", id, " does not exist to set its max age");
         MR_LOG(logger_, 30, msg);
-        throw std::runtime_error(msg);
+        throw MoreldStorageApi::NotFoundError(msg);
     }
     retention_.SetMaxAge(id, *managers_.GetManager(id), maxAge);
 }

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Services/StorageErrors.h"
 #include "Platform/Tools/StrCat.h"
 
 using Moreld::Tools::StrCat;
@@ -18,7 +19,7 @@ long TrackFileMoves::ChooseTrackId(long requested) const {
         std::string msg = StrCat("Cannot choose an id for a new track: no track id is left after ",
                                  ids.back(), ". Give the new track an id");
         MR_LOG(logger_, 40, msg);
-        throw std::runtime_error(msg);
+        throw MoreldStorageApi::StoreBusyError(msg);
     }
     return ids.back() + 1;
 }
@@ -29,7 +30,7 @@ void TrackFileMoves::Create(long id, unsigned long bytes, FilesPool& pool,
         std::string msg =
             StrCat("Track ", id, " already exist. You cannot create it a second time");
         MR_LOG(logger_, 50, msg);
-        throw std::runtime_error(msg);
+        throw MoreldStorageApi::AlreadyExistsError(msg);
     }
     directories_.Create(id);
     std::vector<ChunkFile> files;

@@ -4,6 +4,7 @@
 
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Plexa/Converter.h"
+#include "Platform/Services/StorageErrors.h"
 #include "Platform/Tools/StrCat.h"
 #include "Storage/Server/FileSystem/ProtectionTermsCodec.h"
 
@@ -33,7 +34,7 @@ void TrackProtections::Protect(long track, const TimePoint& from, const TimePoin
     if (!directories_.Exist(track)) {
         std::string msg = StrCat("Track ", track, " does not exist to protect at ", from);
         MR_LOG(logger_, 30, msg);
-        throw std::runtime_error(msg);
+        throw MoreldStorageApi::NotFoundError(msg);
     }
     LoopRecordingFileManager& manager = *managers_.GetManager(track);
     TimePoint to;
@@ -42,7 +43,7 @@ void TrackProtections::Protect(long track, const TimePoint& from, const TimePoin
             StrCat("T", track, ": Protection from ", from, " (", from.ToNanoseconds(),
                    "ns) lasting ", duration.ToDurationString(), " ends after the last time point");
         MR_LOG(logger_, 40, msg);
-        throw std::runtime_error(msg);
+        throw MoreldStorageApi::InvalidArgumentError(msg);
     }
     if (isNew) {
         ProtectNew(track, manager, from, to, protectionId, terms);

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "Platform/Services/StorageErrors.h"
 #include "Storage/Indexes/File/DirectoryHandler.h"
 #include "Storage/Indexes/Ram/ChunkCacheManager.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
@@ -33,8 +34,9 @@ struct WorkerFactory {
         }
         std::lock_guard<std::mutex> track(monitoring->GetMutex(trackId));
         if (!managers.Exists(trackId)) {
-            throw std::runtime_error("Cannot create a " + workerKind + ", track " +
-                                     std::to_string(trackId) + " has not been created");
+            throw MoreldStorageApi::NotFoundError("Cannot create a " + workerKind + ", track " +
+                                                  std::to_string(trackId) +
+                                                  " has not been created");
         }
         auto worker = std::make_unique<Worker>(trackId, *managers.GetManager(trackId),
                                                *caches.GetChunkCache(trackId));

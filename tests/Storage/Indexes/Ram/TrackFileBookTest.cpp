@@ -34,8 +34,9 @@ class TrackState : public ::testing::Test {
 
     void AddBlock(int64_t start, long fileNumber) {
         Block& block = book_.OpenBlock(S(start), File(fileNumber));
-        ASSERT_TRUE(
-            block.Append(Chunk(S(start), S(1), ChunkLocation(File(fileNumber), 16, 100, 0))));
+        ASSERT_TRUE(block.Append(
+            Chunk(S(start), S(1),
+                  ChunkLocation(File(fileNumber), Moreld::File::ChunkFileHeader::kSize, 100, 0))));
         recyclableKeys_.insert(S(start));
     }
 
