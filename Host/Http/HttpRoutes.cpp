@@ -35,7 +35,6 @@ HttpRouter BuildHttpRouter(const HttpRouteSources& sources) {
     HttpRouter router;
     AddApiRoutes(router, sources.storage);
     AddMonitoringRoutes(router, sources);
-    // The playlists and segments, and the page with its assets, join here.
     return router;
 }
 

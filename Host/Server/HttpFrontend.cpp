@@ -1,17 +1,32 @@
 #include "Host/Server/HttpFrontend.h"
 
 #include <chrono>
+#include <functional>
 #include <utility>
 
+#include "Host/Hls/HlsRoutes.h"
 #include "Host/Http/HttpRoutes.h"
+#include "Host/Web/PageRoutes.h"
 
 namespace loopstore::host {
+namespace {
+
+// The API and monitoring routes, then playback, then the page.
+HttpRouter BuildRouter(MoreldStorageApi::Service& storage, HttpHandler metricsPage,
+                       std::function<bool()> storageOpen) {
+    HttpRouter router = BuildHttpRouter({storage, std::move(metricsPage), std::move(storageOpen)});
+    AddHlsRoutes(router, storage);
+    web::AddPageRoutes(router);
+    return router;
+}
+
+}  // namespace
 
 HttpFrontend::HttpFrontend(MoreldStorageApi::Service& storage, ServerMetrics& metrics,
                            std::string token, HttpServer::Options options, HttpHandler metricsPage)
     : metrics_(metrics),
       access_(std::move(token)),
-      router_(BuildHttpRouter({storage, std::move(metricsPage), [this] { return open_.load(); }})),
+      router_(BuildRouter(storage, std::move(metricsPage), [this] { return open_.load(); })),
       server_([this](const HttpRequest& request) { return Serve(request); }, std::move(options)) {}
 
 void HttpFrontend::Start() {
