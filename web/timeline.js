@@ -121,7 +121,8 @@ export function drawLane(lane, axis, track, marks, now) {
 }
 
 export function drawAxis(el, axis) {
-  const ticks = axis.ticks(el.clientWidth).map((t) => {
+  // A label starting at the right edge would be cut off.
+  const ticks = axis.ticks(el.clientWidth).filter((t) => axis.toFraction(t.at) < 0.96).map((t) => {
     const tick = line('tick', axis, t.at);
     if (tick) tick.textContent = t.text;
     return tick;

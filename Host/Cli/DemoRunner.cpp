@@ -79,15 +79,17 @@ class WatchedSource : public IChunkSource {
     Seen seen_;
 };
 
-// An in-process server on a free loopback port, stopped when it goes.
+// An in-process server on a free loopback port, with HTTP on `httpAddress`
+// unless empty, stopped when it goes.
 class DemoServer {
   public:
-    explicit DemoServer(const DataLayout& layout) {
+    DemoServer(const DataLayout& layout, const std::string& httpAddress) {
         host::ServerOptions options;
         options.tracksDir = layout.tracks;
         options.dbDir = layout.db;
         options.poolDir = layout.pool;
         options.listenAddress = "127.0.0.1:0";
+        options.httpAddress = httpAddress;
         server_ = std::make_unique<host::LoopstoreServer>(options);
         server_->Start();
         client_ =
@@ -95,6 +97,7 @@ class DemoServer {
     }
     StorageClient& Client() { return *client_; }
     std::string Address() const { return "127.0.0.1:" + std::to_string(server_->Port()); }
+    int HttpPort() const { return server_->HttpPort(); }
 
   private:
     std::unique_ptr<host::LoopstoreServer> server_;
@@ -120,7 +123,7 @@ DemoRunner::Summary DemoRunner::Run() {
     Summary summary;
     std::vector<Track> tracks;
     {
-        DemoServer server(layout_);
+        DemoServer server(layout_, "");
         tracks = CreateTracks(server.Client());
         RecordAll(server.Client(), tracks, summary);
         CheckProtectionSurvived(server.Client(), tracks.front());
@@ -128,7 +131,7 @@ DemoRunner::Summary DemoRunner::Run() {
     }
     log_ << "server stopped; restarting on the same store" << std::endl;
     {
-        DemoServer server(layout_);
+        DemoServer server(layout_, options_.keepServing ? options_.httpAddress : "");
         CheckProtectionSurvived(server.Client(), tracks.front());
         const uint64_t before = summary.chunksVerified;
         VerifyAll(server.Client(), tracks, summary, "after restart");
@@ -137,7 +140,7 @@ DemoRunner::Summary DemoRunner::Run() {
                            std::to_string(summary.chunksVerified) + " chunks instead of " +
                            std::to_string(before));
         if (options_.keepServing)
-            RecordLive(server.Client(), server.Address(), tracks);
+            RecordLive(server.Client(), server.Address(), server.HttpPort(), tracks);
     }
     summary.tracks = options_.tracks;
     summary.loops = static_cast<double>(summary.bytesWritten) /
@@ -262,7 +265,7 @@ size_t DemoRunner::LiveTracks() const {
     return std::min<size_t>(2, static_cast<size_t>(options_.tracks));
 }
 
-void DemoRunner::RecordLive(StorageClient& client, const std::string& address,
+void DemoRunner::RecordLive(StorageClient& client, const std::string& address, int httpPort,
                             const std::vector<Track>& tracks) {
     const size_t live = LiveTracks();
     for (size_t i = 0; i < live; ++i)
@@ -289,7 +292,7 @@ void DemoRunner::RecordLive(StorageClient& client, const std::string& address,
         });
     log_ << "recording live on " << live << " tracks; Ctrl-C stops" << std::endl;
     if (options_.announce != nullptr)
-        *options_.announce << "open http://" << address << "/" << std::endl;
+        *options_.announce << "open http://127.0.0.1:" << httpPort << "/" << std::endl;
     for (std::thread& t : recorders)
         t.join();
     for (size_t i = 0; i < live; ++i)

@@ -41,7 +41,7 @@ class DemoRunner {
         // each grown by `liveFiles` files of the pool for a longer history.
         bool keepServing = false;
         uint64_t liveFiles = 28;
-        std::string httpAddress = "127.0.0.1:0";
+        std::string httpAddress = "127.0.0.1:7421";
         const std::atomic<bool>* stop = nullptr;
         // Told the page's address once the server is up for good.
         std::ostream* announce = nullptr;
@@ -81,7 +81,9 @@ class DemoRunner {
                    const char* when);
     uint64_t VerifyTrack(StorageClient& client, const Track& track, uint64_t& bytes);
     uint64_t BytesPerTrack() const;
-    void RecordLive(StorageClient& client, const std::string& address,
+    // Grows and records the live tracks until `stop`; `address` is the
+    // server's gRPC address, `httpPort` the page's port.
+    void RecordLive(StorageClient& client, const std::string& address, int httpPort,
                     const std::vector<Track>& tracks);
     size_t LiveTracks() const;
 

@@ -174,6 +174,11 @@ def main():
         check_plays(driver, f"track {tracks[1]['id']}")
         offset = check_scrub(driver, tracks[-1])
         delay = check_live(driver, live_track["id"])
+        # The whole store in view for the picture: history, gaps, live edge.
+        before = page_state(driver, "loopstorePage.refreshes")
+        driver.find_element(By.ID, "zoom-fit").click()
+        wait_for("the fitted timeline", lambda: page_state(
+            driver, f"loopstorePage.refreshes > {before}"))
         driver.save_screenshot(screenshot)
         print(f"scrubbed playback started {offset / 1000:.1f} s from the clicked time")
         print(f"live delay: {delay / 1000:.1f} s")
