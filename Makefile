@@ -59,9 +59,10 @@ bench: release
 	$(REL_DIR)/bench/Host/StoreVsBaseline/store_vs_baseline $(STORE_BENCH_ARGS)
 
 # The main job: a self-checking demonstration of the whole storage (server,
-# tracks that loop, protection, read back, restart). See README.md.
+# tracks that loop, protection, read back, restart), then the page in a
+# browser on live tracks until Ctrl-C. See README.md.
 run: release
-	$(REL_DIR)/Host/Cli/loopstore demo
+	$(REL_DIR)/Host/Cli/loopstore demo --keep-serving
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i

@@ -196,6 +196,18 @@ void MpegTsSeeds(SeedWriter& out) {
               TsInput(188, 40, 255, 8, [](int i) {
                   return Pcr({0x100, i == 4 ? 1'192'485'037'317 : 7 * kTicksPerMs});
               }));
+    // Key frames marked on the clock's stream every 6 packets, audio frames
+    // marked on another: cuts wait for a key frame, within the size limit.
+    std::string keyFrames = TsInput(1504, 10, 255, 40, [](int i) {
+        return Pcr({i % 2 == 0 ? 0x100 : 0x101, (1000 + uint64_t(i)) * kTicksPerMs});
+    });
+    for (int i = 0; i < 40; ++i) {
+        if (i % 2 == 1 || i % 6 == 0) {
+            keyFrames[4 + i * 188 + 1] |= 0x40;  // unit start
+            keyFrames[4 + i * 188 + 5] |= 0x40;  // random access
+        }
+    }
+    out.Write("mpegts_chunker", "key-frames-marked", keyFrames);
     std::string garbage = TsInput(752, 40, 61, 8, [](int) { return Pcr(); });
     garbage.insert(4 + 3 * 188, "xx\x47garbage\x47");
     out.Write("mpegts_chunker", "garbage-between-packets", garbage);

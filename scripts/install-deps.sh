@@ -14,7 +14,9 @@ PACKAGES=(
   libgrpc++-dev protobuf-compiler-grpc
   libcli11-dev nlohmann-json3-dev
   ffmpeg libavformat-dev libavcodec-dev libavutil-dev
+  python3-prometheus-client python3-grpcio
   clang libclang-rt-14-dev
+  nodejs chromium chromium-driver python3-selenium
 )
 
 missing=()
@@ -23,6 +25,11 @@ for p in "${PACKAGES[@]}"; do
     missing+=("$p")
   fi
 done
+
+# Debian's nodejs comes without npm (NodeSource's brings its own).
+if ! command -v npm >/dev/null 2>&1; then
+  missing+=(npm)
+fi
 
 if [ ${#missing[@]} -eq 0 ]; then
   exit 0

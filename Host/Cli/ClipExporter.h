@@ -1,12 +1,11 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "Host/Cli/ExportedBytes.h"
 #include "Host/Cli/StorageClient.h"
+#include "Host/Media/ClipCutter.h"
 #include "Host/Media/ClipFormat.h"
 #include "Host/Media/ClipRemuxer.h"
 
@@ -16,11 +15,8 @@ class ExportProgress;
 
 // Makes a playable clip (MP4 or MPEG-TS) of a range of a track whose chunks
 // hold an MPEG transport stream: the chunks are streamed from the server
-// into libavformat's demuxer and remuxed, starting at the key frame at or
-// before the range's start. That key frame may lie chunks before the range:
-// the export reaches back 10 s first (a camera's key frames are a few
-// seconds apart), then 60 s, then 300 s, and past that starts at the first
-// key frame in the range.
+// and cut by media::ClipCutter, starting at the key frame at or before the
+// range's start.
 //
 // Refers to the client, which must outlive it. One export at a time.
 class ClipExporter {
@@ -34,12 +30,7 @@ class ClipExporter {
         std::string path;  // where the muxer writes
         TimePoint trackBeginning;
     };
-    struct Result {
-        media::ClipRemuxer::Summary clip;
-        // Holes of the recording inside the clip.
-        std::vector<ExportedBytes::Gap> gaps;
-        uint64_t chunks = 0;
-        uint64_t bytes = 0;
+    struct Result : media::ClipCutter::Result {
         StorageClient::Damaged damaged;
     };
 
@@ -51,10 +42,6 @@ class ClipExporter {
     Result Export(const Request& request);
 
   private:
-    // One pass reaching `back` before the start; nothing when it must reach
-    // further.
-    std::optional<Result> Attempt(const Request& request, TimePoint back, bool lastChance);
-
     StorageClient& client_;
     ExportProgress& progress_;
 };

@@ -3,10 +3,12 @@
 #include <cstdio>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <sstream>
 
 #include "Host/Cli/DemoRunner.h"
 #include "Host/Cli/Output.h"
+#include "Host/Cli/StopSignal.h"
 
 namespace loopstore::cli {
 
@@ -25,7 +27,20 @@ void DemoCommand::Register(CLI::App& app) {
         ->capture_default_str()
         ->check(CLI::Range(1, 16));
     cmd->add_flag("--json", a->json, "Print the summary as JSON");
+    cmd->add_flag("--keep-serving", a->options.keepServing,
+                  "After the checks, keep serving (HTTP on) and record live on two tracks "
+                  "until Ctrl-C or SIGTERM");
+    cmd->add_option("--http", a->options.httpAddress,
+                    "HTTP address of the page with --keep-serving (loopback only)")
+        ->capture_default_str();
     cmd->callback([a] {
+        // Blocks the stop signals before the demo starts any thread.
+        std::optional<StopSignal> stop;
+        if (a->options.keepServing) {
+            stop.emplace();
+            a->options.stop = &stop->Flag();
+            a->options.announce = &std::cout;
+        }
         std::ostringstream quiet;
         DemoRunner runner(a->options, a->json ? static_cast<std::ostream&>(quiet) : std::cout);
         const DemoRunner::Summary s = runner.Run();

@@ -2,13 +2,17 @@
 
 #include <algorithm>
 
-#include "Host/Cli/ProgramClock.h"
+#include "Host/Media/ProgramClock.h"
 
 namespace loopstore::cli {
+
+using media::ProgramClock;
 
 namespace {
 
 constexpr int64_t kMaxPcrStepNs = 10'000'000'000;
+// How long past its duration a chunk waits for a key frame.
+constexpr int64_t kMaxKeyFrameWaitNs = kMaxPcrStepNs;
 
 }  // namespace
 
@@ -46,8 +50,11 @@ void MpegTsChunker::Finish() {
     skipped_ += pending_.size() - pendingStart_;
     pending_.clear();
     pendingStart_ = 0;
-    if (!current_.empty())
-        Emit(targetDuration_);
+    if (current_.empty())
+        return;
+    // A last chunk that waited for a key frame lasts as long as its clock ran.
+    const int64_t ran = chunkStartPcr_ && lastPcr_ ? *lastPcr_ - *chunkStartPcr_ : 0;
+    Emit(std::max(targetDuration_, TimePoint::FromNanoseconds(ran)));
 }
 
 bool MpegTsChunker::Resync(bool atEnd) {
@@ -88,6 +95,10 @@ void MpegTsChunker::TakePacket(std::string_view packet) {
     const std::optional<int64_t> pcr = PacketPcr(packet);
     if (pcr)
         OnPcr(*pcr);
+    if (StartsKeyFrame(packet)) {
+        keyFramesMarked_ = true;
+        CutAtKeyFrame(pcr);
+    }
     // The clock may stop, repeat itself or move to another stream: the size
     // limit holds all the same.
     if (current_.size() + packet.size() > maxSize_)
@@ -112,6 +123,29 @@ void MpegTsChunker::CutBySize(std::optional<int64_t> nextPcr) {
     lastPcr_.reset();
 }
 
+bool MpegTsChunker::StartsKeyFrame(std::string_view p) const {
+    const auto byte = [p](size_t i) { return static_cast<uint8_t>(p[i]); };
+    const bool unitStart = (byte(1) & 0x40) != 0;
+    const bool hasAdaptation = (byte(3) & 0x20) != 0;
+    if (!unitStart || !hasAdaptation || byte(4) == 0 || (byte(5) & 0x40) == 0)
+        return false;
+    // Audio frames are all marked too: only the stream that carries the
+    // clock (the video, when there is one) paces the cuts.
+    const int pid = ((byte(1) & 0x1f) << 8) | byte(2);
+    return pcrPid_ && *pcrPid_ == pid;
+}
+
+void MpegTsChunker::CutAtKeyFrame(std::optional<int64_t> pcr) {
+    if (!keyFrameDue_ || current_.empty())
+        return;
+    const int64_t end = pcr.value_or(*lastPcr_);
+    if (end <= *chunkStartPcr_ || end - *chunkStartPcr_ > kMaxPcrStepNs)
+        return;  // the clock went back or jumped: OnPcr deals with it
+    Emit(TimePoint::FromNanoseconds(end - *chunkStartPcr_));
+    chunkStartPcr_ = end;
+    lastPcr_ = end;
+}
+
 std::optional<int64_t> MpegTsChunker::PacketPcr(std::string_view p) {
     const std::optional<ProgramClock> pcr = ProgramClock::Of(p);
     if (!pcr || (pcrPid_ && *pcrPid_ != pcr->pid))
@@ -133,9 +167,18 @@ void MpegTsChunker::OnPcr(int64_t pcrNs) {
         chunkStartPcr_ = pcrNs;
         return;
     }
-    const bool due =
-        TimePoint::FromNanoseconds(step) >= targetDuration_ || current_.size() >= maxSize_;
-    if (step > 0 && due && !current_.empty()) {
+    if (step <= 0 || current_.empty())
+        return;
+    // A stream that marks key frames waits for the next one, a while. The
+    // encoder places them by frame count: one a little early still counts.
+    if (keyFramesMarked_ && step < kMaxKeyFrameWaitNs) {
+        if (TimePoint::FromNanoseconds(step + step / 16) >= targetDuration_)
+            keyFrameDue_ = true;
+        return;
+    }
+    // The marks stopped: the clock paces the cuts until they come back.
+    keyFramesMarked_ = false;
+    if (TimePoint::FromNanoseconds(step) >= targetDuration_ || current_.size() >= maxSize_) {
         Emit(TimePoint::FromNanoseconds(step));
         chunkStartPcr_ = pcrNs;
     }
@@ -144,6 +187,7 @@ void MpegTsChunker::OnPcr(int64_t pcrNs) {
 void MpegTsChunker::Emit(TimePoint duration) {
     ready_.push_back(SourceChunk{std::move(current_), duration});
     current_.clear();
+    keyFrameDue_ = false;
 }
 
 }  // namespace loopstore::cli

@@ -17,6 +17,13 @@ namespace loopstore::cli {
 // chunk ends at the first PCR packet that lies at least `targetDuration`
 // after the chunk's start (or once it holds `maxSize` bytes), and its
 // duration is the PCR difference, so that stored time follows media time.
+// A stream that marks its key frames (the random access indicator of the
+// packet that starts one on the PCR stream, as ffmpeg's muxer sets it) is
+// cut instead at the first key frame once the chunk is that long, so that
+// each chunk plays on its own; the chunk then lasts until the PCR of the
+// key frame's packet, or the last PCR before it. Key frames are awaited for
+// at most 10 s of clock; then the clock paces the cuts again until the next
+// mark.
 // Without a PCR, chunks are cut every `maxSize` bytes with the nominal
 // duration. A PCR that jumps back or more than 10 s ahead is a discontinuity:
 // the chunk before it gets the nominal duration.
@@ -43,8 +50,9 @@ class MpegTsChunker {
     static bool LooksLikeMpegTs(std::string_view head);
 
     void Feed(std::string_view bytes);
-    // Flushes the last, partial chunk (nominal duration); a trailing partial
-    // packet is dropped and counted as skipped.
+    // Flushes the last, partial chunk (nominal duration, or as long as its
+    // clock ran when longer); a trailing partial packet is dropped and
+    // counted as skipped.
     void Finish();
 
     // Chunks ready to be taken, oldest first.
@@ -61,6 +69,11 @@ class MpegTsChunker {
     // Ends the current chunk because the next packet, whose PCR is
     // `nextPcr`, would not fit.
     void CutBySize(std::optional<int64_t> nextPcr);
+    // Ends the current chunk before a packet that starts a key frame, if it
+    // is long enough; `pcr` is that packet's.
+    void CutAtKeyFrame(std::optional<int64_t> pcr);
+    // True when `packet` starts a key frame on the PCR stream.
+    bool StartsKeyFrame(std::string_view packet) const;
     void Emit(TimePoint duration);
 
     const TimePoint targetDuration_;
@@ -75,6 +88,10 @@ class MpegTsChunker {
     // largest step of the clock; set only while chunkStartPcr_ is.
     std::optional<int64_t> lastPcr_;
     std::optional<int> pcrPid_;
+    // The stream marks its key frames: chunks wait for one.
+    bool keyFramesMarked_ = false;
+    // The chunk is long enough: it ends before the next key frame.
+    bool keyFrameDue_ = false;
     std::deque<SourceChunk> ready_;
     uint64_t skipped_ = 0;
 };

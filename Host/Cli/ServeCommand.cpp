@@ -24,8 +24,11 @@ void ServeCommand::Register(CLI::App& app, int& exitCode) {
     a->directories.AddTo(*cmd);
     cmd->add_option("--listen", a->options.listenAddress, "Address to listen on (host:port)")
         ->capture_default_str();
+    cmd->add_option("--http", a->options.httpAddress,
+                    "Also serve HTTP (JSON API, /metrics, /healthz, the page) on host:port, "
+                    "e.g. 127.0.0.1:7421; port 0 picks a free one");
     cmd->add_flag("--allow-remote", a->options.allowRemote,
-                  "Allow listening beyond loopback (then --token-file is required)");
+                  "Allow listening beyond loopback, gRPC or HTTP (then --token-file is required)");
     cmd->add_option("--token-file", a->options.tokenFile,
                     "File holding the token every client must send");
     cmd->add_option("--log-config", a->options.logConfig, "log4cplus properties file");

@@ -46,7 +46,7 @@ HttpResponse ErrorResponse(int status, const std::string& message) {
 }
 
 void HttpRouter::Add(const std::string& method, const std::string& pattern, HttpHandler handler) {
-    routes_.push_back(Entry{method, Segments(pattern), std::move(handler)});
+    routes_.push_back(Entry{method, pattern, Segments(pattern), std::move(handler)});
 }
 
 bool HttpRouter::Match(const Entry& entry, const std::vector<std::string>& path,
@@ -85,6 +85,16 @@ HttpResponse HttpRouter::Route(HttpRequest request) const {
     if (pathKnown)
         return ErrorResponse(405, "method " + request.method + " not allowed on " + request.path);
     return ErrorResponse(404, "no such resource: " + request.path);
+}
+
+std::string HttpRouter::PatternOf(const std::string& method, const std::string& path) const {
+    const auto segments = Segments(path);
+    std::vector<std::string> params;
+    for (const Entry& entry : routes_) {
+        if (entry.method == method && Match(entry, segments, params))
+            return entry.pattern;
+    }
+    return "";
 }
 
 }  // namespace loopstore::host

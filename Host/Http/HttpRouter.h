@@ -23,9 +23,14 @@ class HttpRouter {
     // exceptions thrown by the handler become their error answers.
     HttpResponse Route(HttpRequest request) const;
 
+    // The pattern of the route that answers (method, path), as added; empty
+    // when none does. For labelling requests without their ids.
+    std::string PatternOf(const std::string& method, const std::string& path) const;
+
   private:
     struct Entry {
         std::string method;
+        std::string pattern;
         std::vector<std::string> segments;
         HttpHandler handler;
     };

@@ -78,11 +78,7 @@ ClipRemuxer::Times ClipRemuxer::TimesOf(const Packet& packet) {
 
 void ClipRemuxer::AddStreams() {
     for (unsigned i = 0; i < input_.StreamCount(); ++i) {
-        const AVCodecParameters& codec = *input_.Stream(i).codecpar;
-        // Data and subtitle streams of a transport stream have no place in MP4.
-        const bool media =
-            codec.codec_type == AVMEDIA_TYPE_VIDEO || codec.codec_type == AVMEDIA_TYPE_AUDIO;
-        if (media && codec.codec_id != AV_CODEC_ID_NONE)
+        if (input_.IsAudioOrVideo(i))
             outputIndex_[static_cast<int>(i)] = output_.AddStream(input_.Stream(i));
     }
     if (outputIndex_.empty())

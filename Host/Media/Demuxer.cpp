@@ -19,7 +19,7 @@ constexpr int kIoBufferSize = 64 * 1024;
 
 }  // namespace
 
-Demuxer::Demuxer(ReadFunction read) : read_(std::move(read)) {
+Demuxer::Demuxer(ReadFunction read, const char* format) : read_(std::move(read)) {
     auto* buffer = static_cast<unsigned char*>(av_malloc(kIoBufferSize));
     io_ = buffer == nullptr ? nullptr
                             : avio_alloc_context(buffer, kIoBufferSize, 0, this,
@@ -33,13 +33,14 @@ Demuxer::Demuxer(ReadFunction read) : read_(std::move(read)) {
     }
     format_->pb = io_;
     format_->flags |= AVFMT_FLAG_CUSTOM_IO;
-    const int opened =
-        avformat_open_input(&format_, nullptr, av_find_input_format("mpegts"), nullptr);
+    const AVInputFormat* input = format == nullptr ? nullptr : av_find_input_format(format);
+    const int opened = avformat_open_input(&format_, nullptr, input, nullptr);
     if (opened < 0) {
         // avformat_open_input frees the context on failure.
         format_ = nullptr;
         Close();
-        Fail(opened, "reading the exported stream as MPEG-TS");
+        Fail(opened, format == nullptr ? "recognising the container of the stored data"
+                                       : "reading the exported stream as MPEG-TS");
     }
     const int found = avformat_find_stream_info(format_, nullptr);
     if (found < 0 || format_->nb_streams == 0) {
@@ -81,6 +82,13 @@ const AVStream& Demuxer::Stream(unsigned index) const {
 int Demuxer::ReferenceStream() const {
     const int video = av_find_best_stream(format_, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
     return video >= 0 ? video : 0;
+}
+
+bool Demuxer::IsAudioOrVideo(unsigned index) const {
+    const AVCodecParameters& codec = *Stream(index).codecpar;
+    const bool media =
+        codec.codec_type == AVMEDIA_TYPE_VIDEO || codec.codec_type == AVMEDIA_TYPE_AUDIO;
+    return media && codec.codec_id != AV_CODEC_ID_NONE;
 }
 
 int Demuxer::ReadPacket(void* opaque, uint8_t* buffer, int size) {

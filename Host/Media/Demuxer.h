@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <utility>
 
 #include "Host/Media/Packet.h"
 
@@ -26,7 +27,11 @@ class Demuxer {
 
     // Opens the stream and reads ahead until its streams are known. Throws
     // MediaError when the bytes are not MPEG-TS or hold no stream.
-    explicit Demuxer(ReadFunction read);
+    explicit Demuxer(ReadFunction read) : Demuxer(std::move(read), "mpegts") {}
+    // The same with the libavformat demuxer `format`, or, when it is null,
+    // the one that recognises the first bytes. The input cannot seek:
+    // containers that need to (MP4 with its index at the end) are refused.
+    Demuxer(ReadFunction read, const char* format);
     ~Demuxer();
     Demuxer(const Demuxer&) = delete;
     Demuxer& operator=(const Demuxer&) = delete;
@@ -39,6 +44,9 @@ class Demuxer {
     // The stream whose key frames a clip starts on: the first video stream,
     // else stream 0.
     int ReferenceStream() const;
+    // True for an audio or video stream of a known codec: what a clip keeps
+    // (data and subtitle streams of a transport stream have no place in MP4).
+    bool IsAudioOrVideo(unsigned index) const;
 
   private:
     // Frees the contexts; also the constructor's way out on failure.

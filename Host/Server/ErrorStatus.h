@@ -3,25 +3,22 @@
 #include <grpcpp/support/status.h>
 
 #include <exception>
-#include <string_view>
 
 namespace loopstore::host {
 
-// Turns the storage's exceptions into gRPC statuses. The storage throws
-// std::runtime_error with a human text and no code, so the code is chosen
-// from fragments of the text; the text itself is passed on unchanged.
+// Turns the storage's exceptions into gRPC statuses, by their type (the kinds
+// of MoreldStorageApi/StorageErrors.h); the text is passed on unchanged.
 // Stateless; safe from any thread.
 class ErrorStatus {
   public:
-    // The code for a storage error text: NOT_FOUND for an unknown track,
-    // INVALID_ARGUMENT for a bad chunk or time, FAILED_PRECONDITION for a
-    // request refused in the current state, RESOURCE_EXHAUSTED when the pool
-    // is short of files, INTERNAL for anything else.
-    static grpc::StatusCode CodeFor(std::string_view text);
+    // NOT_FOUND for an unknown track; INVALID_ARGUMENT for refused input
+    // (and std::invalid_argument, the server's own checks);
+    // FAILED_PRECONDITION for a request refused in the current state (a
+    // track in use or without files, a track that exists already);
+    // RESOURCE_EXHAUSTED when the store has no room; DATA_LOSS for lost or
+    // damaged data; INTERNAL for anything else, I/O failures included.
+    static grpc::StatusCode CodeFor(const std::exception& error);
 
-    // The status for `error`: std::invalid_argument is the server's own
-    // argument checks (INVALID_ARGUMENT); other exceptions are mapped by
-    // CodeFor.
     static grpc::Status FromException(const std::exception& error);
 };
 

@@ -1,6 +1,8 @@
 #include "Host/Server/LoopstoreServer.h"
 
 #include <grpc/grpc.h>
+#include <grpcpp/ext/proto_server_reflection_plugin.h>
+#include <grpcpp/health_check_service_interface.h>
 #include <grpcpp/security/server_credentials.h>
 #include <grpcpp/server_builder.h>
 #include <netdb.h>
@@ -17,6 +19,7 @@
 #include <utility>
 
 #include "Host/Rpc/WireConstants.h"
+#include "Host/Server/CallMetrics.h"
 #include "Platform/Logging/LoggingManager.h"
 
 namespace loopstore::host {
@@ -103,17 +106,16 @@ std::string WhyCannotBind(const std::string& address) {
     return reason;
 }
 
-void CheckListenPolicy(const ServerOptions& options, const std::string& token) {
-    if (IsLoopback(options.listenAddress))
+void CheckListenPolicy(const std::string& address, const ServerOptions& options,
+                       const std::string& token) {
+    if (IsLoopback(address))
         return;
     if (!options.allowRemote) {
-        throw std::runtime_error("Refusing to listen on " + options.listenAddress +
+        throw std::runtime_error("Refusing to listen on " + address +
                                  ": listening beyond loopback must be allowed explicitly");
     }
-    if (token.empty()) {
-        throw std::runtime_error("Refusing to listen on " + options.listenAddress +
-                                 " without a token file");
-    }
+    if (token.empty())
+        throw std::runtime_error("Refusing to listen on " + address + " without a token file");
 }
 
 }  // namespace
@@ -132,9 +134,12 @@ void LoopstoreServer::Start() {
         throw std::runtime_error("Server already listening on port " + std::to_string(port_));
     try {
         const std::string token = ReadToken(options_.tokenFile);
-        CheckListenPolicy(options_, token);
+        CheckListenPolicy(options_.listenAddress, options_, token);
+        if (!options_.httpAddress.empty())
+            CheckListenPolicy(options_.httpAddress, options_, token);
         OpenStorage();
         Listen(token);
+        ListenHttp(token);
     } catch (const std::exception& e) {
         MR_LOG(logger_, 50, "Cannot start the server: " << e.what());
         Release();
@@ -169,6 +174,7 @@ void LoopstoreServer::BoundReceiveBuffering(grpc::ServerBuilder& builder) const 
 }
 
 void LoopstoreServer::Listen(const std::string& token) {
+    metrics_ = std::make_unique<ServerMetrics>();
     guard_ = std::make_unique<CallGuard>(token);
     peers_ =
         std::make_unique<PeerServiceFactory>(*factory_, "loopstore", options_.cacheMemoryBytes);
@@ -177,6 +183,8 @@ void LoopstoreServer::Listen(const std::string& token) {
     trackReaderRpc_ = std::make_unique<TrackReaderRpc>(*peers_, *guard_);
     trackRetentionRpc_ = std::make_unique<TrackRetentionRpc>(*storage_->trackRetention, *guard_);
 
+    grpc::EnableDefaultHealthCheckService(true);
+    grpc::reflection::InitProtoReflectionServerBuilderPlugin();
     grpc::ServerBuilder builder;
     // gRPC shares a port by default: a second server on it would take half
     // of the calls meant for the first.
@@ -185,6 +193,9 @@ void LoopstoreServer::Listen(const std::string& token) {
     builder.SetMaxReceiveMessageSize(rpc::kMaxMessageBytes);
     builder.SetMaxSendMessageSize(rpc::kMaxMessageBytes);
     BoundReceiveBuffering(builder);
+    std::vector<std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>> timing;
+    timing.push_back(std::make_unique<CallMetrics>(*metrics_));
+    builder.experimental().SetInterceptorCreators(std::move(timing));
     builder.RegisterService(trackStorageRpc_.get());
     builder.RegisterService(trackWriterRpc_.get());
     builder.RegisterService(trackReaderRpc_.get());
@@ -197,6 +208,22 @@ void LoopstoreServer::Listen(const std::string& token) {
                                  PortOf(options_.listenAddress) +
                                  "): " + WhyCannotBind(options_.listenAddress));
     }
+    server_->GetHealthCheckService()->SetServingStatus(true);
+}
+
+void LoopstoreServer::ListenHttp(const std::string& token) {
+    if (options_.httpAddress.empty())
+        return;
+    metricsPage_ = std::make_unique<MetricsPage>(*storage_, *metrics_, [this] {
+        const CacheBudget::Usage usage = factory_->GetCacheUsage();
+        return MetricsPage::SharedCacheUse{usage.bytesInUse, usage.limit};
+    });
+    HttpServer::Options http;
+    http.address = options_.httpAddress;
+    http_ = std::make_unique<HttpFrontend>(
+        *storage_, *metrics_, token, http,
+        [page = metricsPage_.get()](const HttpRequest& request) { return page->Answer(request); });
+    http_->Start();
 }
 
 void LoopstoreServer::Stop() {
@@ -204,6 +231,11 @@ void LoopstoreServer::Stop() {
     if (!server_)
         return;
     MR_LOG(logger_, 30, "Stopping: no new calls, open streams end");
+    server_->GetHealthCheckService()->SetServingStatus(false);
+    if (http_) {
+        http_->MarkClosing();
+        http_->Stop();
+    }
     // Returns once every handler has returned, so every writer is destroyed
     // (drained, last file saved) before the storage goes.
     server_->Shutdown(std::chrono::system_clock::now() + kShutdownGrace);
@@ -225,6 +257,8 @@ void LoopstoreServer::LogCacheUsage() {
 }
 
 void LoopstoreServer::Release() {
+    http_.reset();
+    metricsPage_.reset();
     server_.reset();
     port_ = 0;
     trackRetentionRpc_.reset();
@@ -233,6 +267,7 @@ void LoopstoreServer::Release() {
     trackStorageRpc_.reset();
     peers_.reset();
     guard_.reset();
+    metrics_.reset();
     storage_.reset();
     factory_.reset();
 }

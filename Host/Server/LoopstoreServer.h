@@ -8,8 +8,11 @@
 #include <string>
 
 #include "Host/Server/CallGuard.h"
+#include "Host/Server/HttpFrontend.h"
+#include "Host/Server/MetricsPage.h"
 #include "Host/Server/PeerServiceFactory.h"
 #include "Host/Server/ServerMain.h"
+#include "Host/Server/ServerMetrics.h"
 #include "Host/Server/TrackReaderRpc.h"
 #include "Host/Server/TrackRetentionRpc.h"
 #include "Host/Server/TrackStorageRpc.h"
@@ -21,7 +24,7 @@
 namespace loopstore::host {
 
 // The loopstore server: builds the storage from its three directories and
-// serves it over gRPC until stopped. RunServer drives one from the command
+// serves it over gRPC (and HTTP when asked) until stopped. RunServer drives one from the command
 // line; tests start one in-process on "127.0.0.1:0".
 //
 // Owns the storage factory, the services it constructed and the gRPC server.
@@ -45,6 +48,10 @@ class LoopstoreServer {
     // not running.
     int Port() const { return port_; }
 
+    // The port of the HTTP server (the one chosen for port 0); 0 when not
+    // running or without HTTP.
+    int HttpPort() const { return http_ ? http_->Port() : 0; }
+
     // Refuses new calls, cancels the open streams after a short grace (their
     // writers and readers are destroyed, writers drained and their last file
     // saved), then closes the storage. Does nothing when not running.
@@ -53,6 +60,8 @@ class LoopstoreServer {
   private:
     void OpenStorage();
     void Listen(const std::string& token);
+    // Serves HTTP when an address is set.
+    void ListenHttp(const std::string& token);
     // Fixes each stream's receive window (streamWindowBytes).
     void BoundReceiveBuffering(grpc::ServerBuilder& builder) const;
     void Release();
@@ -66,6 +75,7 @@ class LoopstoreServer {
     // after it), the storage factory last.
     std::unique_ptr<LoopRecordingFileFactory> factory_;
     std::unique_ptr<MoreldStorageApi::Service> storage_;
+    std::unique_ptr<ServerMetrics> metrics_;
     std::unique_ptr<CallGuard> guard_;
     std::unique_ptr<PeerServiceFactory> peers_;
     std::unique_ptr<TrackStorageRpc> trackStorageRpc_;
@@ -73,6 +83,8 @@ class LoopstoreServer {
     std::unique_ptr<TrackReaderRpc> trackReaderRpc_;
     std::unique_ptr<TrackRetentionRpc> trackRetentionRpc_;
     std::unique_ptr<grpc::Server> server_;
+    std::unique_ptr<MetricsPage> metricsPage_;
+    std::unique_ptr<HttpFrontend> http_;
     tav::mr::logging::Logger logger_;
 };
 

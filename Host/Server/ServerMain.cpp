@@ -112,6 +112,9 @@ int RunServer(const ServerOptions& options) {
         server.Start();
         std::cerr << "loopstore: listening on " << options.listenAddress << " (port "
                   << server.Port() << ")" << std::endl;
+        if (!options.httpAddress.empty())
+            std::cerr << "loopstore: HTTP on " << options.httpAddress << " (port "
+                      << server.HttpPort() << ")" << std::endl;
         WaitForStop(readFd);
         server.Stop();
     } catch (const std::exception& e) {

@@ -12,6 +12,9 @@ struct ServerOptions {
     std::string poolDir;
     // "host:port"; port 0 picks a free port.
     std::string listenAddress = "127.0.0.1:7420";
+    // "host:port" of the HTTP server (JSON API, metrics, page); empty: no
+    // HTTP. Port 0 picks a free port. Same loopback rule and token as gRPC.
+    std::string httpAddress;
     // A file holding the bearer token every call must carry. Required when
     // listening beyond loopback; optional (and then enforced) on loopback.
     std::string tokenFile;

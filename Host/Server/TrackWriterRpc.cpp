@@ -5,6 +5,7 @@
 #include "Host/Server/RequestChecks.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Plexa/Converter.h"
+#include "Platform/Services/StorageErrors.h"
 
 namespace loopstore::host {
 
@@ -38,7 +39,7 @@ void TrackWriterRpc::AppendOrSayWhatWasStored(MoreldStorageApi::ITrackWriter& wr
         writer.Append(chunk);
     } catch (const std::runtime_error& refusal) {
         // The stream ends here: the client learns what it kept of it.
-        throw std::runtime_error(refusal.what() + StoredSoFar(writer));
+        MoreldStorageApi::ThrowAmended(refusal, refusal.what() + StoredSoFar(writer));
     }
 }
 

@@ -12,6 +12,7 @@
 #include "Platform/File/ChunkRecordChecksum.h"
 #include "Platform/File/Env.h"
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Services/StorageErrors.h"
 
 namespace Moreld::File {
 
@@ -194,7 +195,7 @@ void DataChunkFileReader::Fail(uint64_t offset, const std::string& what) const {
     const std::string text = "Chunk file " + GetFilename() + ": bad record at offset " +
                              std::to_string(offset) + ": " + what;
     MR_LOG(Log(), 50, text);
-    throw std::runtime_error(text);
+    throw MoreldStorageApi::CorruptionError(text);
 }
 
 }  // namespace Moreld::File

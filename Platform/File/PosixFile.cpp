@@ -8,6 +8,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "Platform/Services/StorageErrors.h"
+
 namespace Moreld::File {
 
 namespace {
@@ -32,8 +34,8 @@ PosixFile::PosixFile(const std::string& fileName, int flags, const char* failure
     : fileName_(fileName) {
     fd_ = ::open(fileName.c_str(), flags | O_CLOEXEC);
     if (fd_ < 0) {
-        throw std::runtime_error(std::string(failureText) + " " + fileName + ": " +
-                                 std::strerror(errno));
+        throw MoreldStorageApi::IoError(std::string(failureText) + " " + fileName + ": " +
+                                        std::strerror(errno));
     }
 }
 
@@ -130,7 +132,7 @@ void PosixFile::ThrowErrno(const char* operation, uint64_t offset) const {
     if (offset != kNoOffset) {
         text += " at offset " + std::to_string(offset);
     }
-    throw std::runtime_error(text + ": " + std::strerror(error));
+    throw MoreldStorageApi::IoError(text + ": " + std::strerror(error));
 }
 
 }  // namespace Moreld::File

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "Platform/Services/StorageErrors.h"
 #include "Platform/Tools/Mutex.h"
 #include "Platform/Tools/MutexLock.h"
 
@@ -26,8 +27,8 @@ TrackLock::TrackLock(long trackId) : trackId_(trackId) {
     HeldTracks& held = Held();
     Moreld::Tools::MutexLock lock(held.mutex);
     if (!held.ids.insert(trackId).second) {
-        throw std::runtime_error("Track " + std::to_string(trackId) +
-                                 " is already being written to");
+        throw MoreldStorageApi::StoreBusyError("Track " + std::to_string(trackId) +
+                                               " is already being written to");
     }
 }
 

@@ -11,6 +11,7 @@
 #include "Platform/File/Env.h"
 #include "Platform/File/ExtendedAttributes.h"
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Services/StorageErrors.h"
 #include "Platform/Tools/DirectoryParser.h"
 #include "Platform/Tools/MutexLock.h"
 #include "Platform/Tools/PrintIntegers.h"
@@ -256,7 +257,7 @@ unsigned long FilesPool::MoveFiles(long trackId, unsigned long size, std::vector
     // checks and the move.
     Moreld::Tools::MutexLock lock(mutex_);
     if (files_.empty()) {
-        Refuse("FilesPool: There is no file available to move on " + poolDirectory_);
+        RefuseForRoom("FilesPool: There is no file available to move on " + poolDirectory_);
     }
     if (tracksRoot_.empty()) {
         Refuse("Tracks directories not set to MoveFiles");
@@ -335,11 +336,11 @@ void FilesPool::CheckFreeSpace(unsigned long size) const {
     // One more than needed when the shortfall is a whole number of files;
     // operators are used to this count.
     const uint64_t more = fileSize_ == 0 ? 0 : (size - freeBytes) / fileSize_ + 1;
-    Refuse("Only " + std::to_string(freeFiles) + " free files remaining with a size of " +
-           std::to_string(fileSize_) +
-           " each. Impossible to move enough files to reach a size of " + std::to_string(size) +
-           " in FilesPool on " + poolDirectory_ + ". You need " + std::to_string(more) +
-           " more files to do this move.");
+    RefuseForRoom("Only " + std::to_string(freeFiles) + " free files remaining with a size of " +
+                  std::to_string(fileSize_) +
+                  " each. Impossible to move enough files to reach a size of " +
+                  std::to_string(size) + " in FilesPool on " + poolDirectory_ + ". You need " +
+                  std::to_string(more) + " more files to do this move.");
 }
 
 unsigned long FilesPool::SelectFiles(unsigned long size, std::vector<FileSet::iterator>& selected,
@@ -530,6 +531,11 @@ std::string FilesPool::GetDBFile(const std::string& directory) const {
 void FilesPool::Refuse(const std::string& message) const {
     MR_LOG(logger_, 50, message);
     throw std::runtime_error(message);
+}
+
+void FilesPool::RefuseForRoom(const std::string& message) const {
+    MR_LOG(logger_, 50, message);
+    throw MoreldStorageApi::OutOfSpaceError(message);
 }
 
 bool FilesPool::IsLinked() const {

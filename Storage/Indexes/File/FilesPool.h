@@ -162,6 +162,8 @@ class FilesPool {
     // change, so updating them in place keeps the set ordered.
     static ChunkFile& Entry(FileSet::iterator it) { return const_cast<ChunkFile&>(*it); }
     [[noreturn]] void Refuse(const std::string& message) const;
+    // The same for a pool short of files (MoreldStorageApi::OutOfSpaceError).
+    [[noreturn]] void RefuseForRoom(const std::string& message) const;
 
     mutable Moreld::Tools::Mutex mutex_;
     PoolDB db_ GUARDED_BY(mutex_);

@@ -32,6 +32,7 @@ Block& Block::operator=(const Block& other) {
     configuration_ = other.configuration_;
     currentSize_ = other.currentSize_;
     chunks_ = other.chunks_;
+    gaps_ = other.gaps_;
     return *this;
 }
 
@@ -44,6 +45,7 @@ Block& Block::operator=(Block&& other) {
     configuration_ = other.configuration_;
     currentSize_ = other.currentSize_;
     chunks_ = std::move(other.chunks_);
+    gaps_ = std::move(other.gaps_);
     return *this;
 }
 
@@ -51,8 +53,9 @@ void Block::Reset(const BlockConfiguration& configuration) {
     configuration_ = configuration;
     startTime_ = TimePoint();
     endTime_ = TimePoint();
-    currentSize_ = kFileHeaderSize;
+    currentSize_ = Moreld::File::ChunkFileHeader::kSize;
     chunks_.clear();
+    gaps_.Clear();
     protections_.clear();
 }
 
@@ -62,6 +65,8 @@ bool Block::Append(const Chunk& chunk) {
     }
     if (!chunks_.empty()) {
         CheckSameFile(chunk);
+        if (chunk.timepoint > endTime_)
+            gaps_.Add(chunks_.size());
     } else {
         startTime_ = chunk.timepoint;
         chunks_.reserve(ExpectedChunks(chunk.location.size));
@@ -242,8 +247,9 @@ unsigned long Block::ExpectedChunks(unsigned long size) const {
     if (maxChunk != 0) {
         expected = std::min(expected, maxChunk);
     }
-    if (maxSize > kFileHeaderSize && size != 0) {
-        expected = std::min(expected, (maxSize - kFileHeaderSize) / size);
+    constexpr unsigned long kHeader = Moreld::File::ChunkFileHeader::kSize;
+    if (maxSize > kHeader && size != 0) {
+        expected = std::min(expected, (maxSize - kHeader) / size);
     }
     return std::max(expected, 1UL);
 }

@@ -5,9 +5,11 @@
 #include <set>
 #include <string>
 
+#include "Platform/File/ChunkFileHeader.h"
 #include "Platform/Time/TimePoint.h"
 #include "Storage/Indexes/File/ChunkFile.h"
 #include "Storage/Indexes/Ram/BlockConfiguration.h"
+#include "Storage/Indexes/Ram/BlockGaps.h"
 #include "Storage/Indexes/Ram/Chunk.h"
 
 namespace FileSystem {
@@ -57,7 +59,10 @@ class Block {
     void Reserve(size_t count) { chunks_.reserve(count); }
     // Gives back the room reserved beyond the chunks held: for a block that
     // takes no more chunks.
-    void ShrinkToFit() { chunks_.shrink_to_fit(); }
+    void ShrinkToFit() {
+        chunks_.shrink_to_fit();
+        gaps_.ShrinkToFit();
+    }
     // Whether a chunk of `size` bytes fits after the current ones.
     bool IsSpaceForNewChunk(unsigned long size) const;
 
@@ -105,14 +110,14 @@ class Block {
     const TimePoint& GetEndTime() const { return endTime_; }
     const BlockConfiguration& GetConfiguration() const { return configuration_; }
     const ChunkMap& GetChunks() const { return chunks_; }
+    // Where a chunk starts later than the one before it ended.
+    const BlockGaps& GetGaps() const { return gaps_; }
     // The ids of the protections covering this block; the track index edits
     // the set directly.
     const std::set<unsigned long>& GetProtections() const { return protections_; }
     std::set<unsigned long>& GetProtections() { return protections_; }
 
   private:
-    static constexpr unsigned long kFileHeaderSize = 16;
-
     // The last chunk starting at or before `tp`, or chunks_.end().
     ChunkMap::const_iterator LastStartingAtOrBefore(const TimePoint& tp) const;
     bool StartsTooEarly(const Chunk& chunk) const;
@@ -124,8 +129,9 @@ class Block {
     TimePoint startTime_;
     TimePoint endTime_;
     BlockConfiguration configuration_;
-    unsigned long currentSize_ = kFileHeaderSize;
+    unsigned long currentSize_ = Moreld::File::ChunkFileHeader::kSize;
     ChunkMap chunks_;
+    BlockGaps gaps_;
     std::set<unsigned long> protections_;
 };
 

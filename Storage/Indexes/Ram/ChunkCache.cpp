@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Services/StorageErrors.h"
 
 // Invariants: chunks_ and sizes_ hold the same keys; keys only grow with each
 // insertion; currentSize_ is the sum of sizes_ in Bytes mode and the number of
@@ -177,14 +178,14 @@ void ChunkCache::CheckInsertion(TimePoint t, unsigned long size) const {
     if (sizeMode_ == SizeMode::Bytes && size > maximumSize_) {
         std::ostringstream text;
         text << "Chunk size " << size << " must be lower than max cache size " << maximumSize_;
-        throw std::runtime_error(text.str());
+        throw MoreldStorageApi::InvalidArgumentError(text.str());
     }
     if (!chunks_.empty() && chunks_.rbegin()->first >= t) {
         std::ostringstream text;
         text << "Chunk at " << t
              << " must be > highest timepoint in cache: " << chunks_.rbegin()->first;
         MR_LOG(logger_, 50, text.str());
-        throw std::runtime_error(text.str());
+        throw MoreldStorageApi::InvalidArgumentError(text.str());
     }
 }
 

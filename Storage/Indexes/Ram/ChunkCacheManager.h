@@ -29,6 +29,9 @@ class ChunkCacheManager {
     // The track's cache, created with ThreadedChunkCache's defaults when
     // missing. Never null; owned by the manager for its whole life.
     ThreadedChunkCache* GetChunkCache(long trackId);
+    // The track's cache when one was made, else null: for readers that must
+    // not create one.
+    ThreadedChunkCache* FindChunkCache(long trackId);
     // Shared by every cache; lives as long as the manager.
     CacheBudget& GetBudget() { return budget_; }
     // Shared by every cache; outlives the last chunk made from it.

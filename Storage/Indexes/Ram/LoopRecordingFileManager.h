@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -12,13 +13,19 @@
 #include "Platform/Logging/Logger.h"
 #include "Platform/Time/TimePoint.h"
 #include "Platform/Tools/Mutex.h"
+#include "Platform/Tools/ReaderLock.h"
 #include "Platform/Tools/SharedMutex.h"
+#include "Platform/Tools/WriterLock.h"
 #include "Storage/Indexes/File/ChunkFile.h"
 #include "Storage/Indexes/Ram/Block.h"
+#include "Storage/Indexes/Ram/ChunkPlacer.h"
 #include "Storage/Indexes/Ram/IChunkProtectionFactory.h"
 #include "Storage/Indexes/Ram/IFileSystemManager.h"
 #include "Storage/Indexes/Ram/IProtectionManager.h"
-#include "Storage/Indexes/Ram/ProtectionRanges.h"
+#include "Storage/Indexes/Ram/ProtectionTable.h"
+#include "Storage/Indexes/Ram/TrackActivity.h"
+#include "Storage/Indexes/Ram/TrackCounters.h"
+#include "Storage/Indexes/Ram/TrackFileBook.h"
 #include "Storage/Indexes/SQLite/TrackDB.h"
 
 // The RAM index of one track: for every chunk, the chunk file and offset that
@@ -40,13 +47,18 @@
 //   1. filesMutex_  (reader/writer): emptyFiles_, recyclableKeys_, protections_,
 //                   observers_, the choice of the next file. Held by every
 //                   operation that erases blocks.
-//   2. indexMutex_  (reader/writer): blocks_ and the chunk counters. Also
+//   2. indexMutex_  (reader/writer): blocks_ and the chunk counter. Also
 //                   held by every operation that erases blocks, so a chunk
 //                   that fits the current block is appended under this lock
 //                   alone.
 //   3. dbMutex_     (plain): serialises calls into trackDb_, which has no lock.
 // Counters that the service reads without a lock are atomics; they are
 // written under indexMutex_.
+//
+// The manager keeps the locking; the work is done by helpers without locks
+// of their own, called under the manager's: ChunkPlacer (placing a chunk),
+// TrackFileBook (empty files, recycling, files given back), ProtectionTable,
+// BlockNavigation (searches) and TrackSpan (chunk counts between instants).
 class LoopRecordingFileManager : public IProtectionManager, public IFileSystemManager {
   public:
     using TimePoint = Moreld::Time::TimePoint;
@@ -83,9 +95,9 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     // Whether `file` is one of the track's: an empty file recorded in the
     // database, or the file of a block.
     bool HasFile(const ChunkFile& file);
-    TimePoint GetBeginningOfTrack() const { return beginningOfTrack_.load(); }
-    TimePoint GetEndOfTrack() const { return endOfTrack_.load(); }
-    TimePoint GetAccumulatedDuration() const { return accumulatedDuration_.load(); }
+    TimePoint GetBeginningOfTrack() const { return counters_.beginningOfTrack.load(); }
+    TimePoint GetEndOfTrack() const { return counters_.endOfTrack.load(); }
+    TimePoint GetAccumulatedDuration() const { return counters_.accumulatedDuration.load(); }
     unsigned long GetSizeOnRam() const;
     void SetChunkProtectionFactory(IChunkProtectionFactory* factory);
 
@@ -148,64 +160,67 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     // --- Counters and snapshots ---
     long GetTrackId() const { return trackId_; }
     // Sum of the sizes of the track's files.
-    unsigned long GetMaxTrackSize() const { return maxTrackSize_.load(); }
+    unsigned long GetMaxTrackSize() const { return counters_.maxTrackSize.load(); }
     // Payload bytes of the indexed chunks.
-    unsigned long GetTrackSize() const { return trackSize_.load(); }
+    unsigned long GetTrackSize() const { return counters_.trackSize.load(); }
     // Size of the track's files (the largest it was given): a chunk takes at
     // most this minus the 16-byte file header. 0 before any file.
-    unsigned long GetFileSize() const { return fileSize_.load(); }
+    unsigned long GetFileSize() const { return counters_.fileSize.load(); }
     std::map<TimePoint, FileSystem::Block> GetBlocks() const;
     std::set<TimePoint> GetRecyclableKeys() const;
     std::deque<ChunkFile> GetEmptyFiles() const;
     std::map<unsigned long, std::set<TimePoint>> GetProtections() const;
+    size_t GetProtectionCount() const;
+    // Chunks, bytes and recycled files since the index was loaded.
+    const TrackActivity& GetActivity() const { return activity_; }
+    // Calls `visit` with the blocks under a shared lock of the index, for
+    // readers that copy what they need and work on it outside the lock;
+    // `visit` must not call back into the manager.
+    void VisitBlocks(
+        const std::function<void(const std::map<TimePoint, FileSystem::Block>&)>& visit) const;
 
   private:
     friend class TrackIndexRecovery;
     friend class TrackAgePurge;
 
-    // The file a new block goes to, and where it came from.
-    struct FileChoice {
-        ChunkFile file;
-        bool recycled = false;
-        TimePoint recycledKey;
-    };
+    using SharedLock = Moreld::Tools::ReaderLock<>;
+    using UniqueLock = Moreld::Tools::WriterLock<>;
 
-    FileChoice ChooseFileForNewBlock(const TimePoint& tp, unsigned long size) REQUIRES(filesMutex_);
-    // The block at `key`, read with filesMutex_ alone held: only the
-    // appending thread adds blocks and every operation that erases one holds
-    // filesMutex_ too, so the map keeps its shape meanwhile. The analysis
-    // knows one guard per member, hence its exemption here.
-    const FileSystem::Block* FindBlockUnderFilesLock(const TimePoint& key) const
-        REQUIRES_SHARED(filesMutex_) NO_THREAD_SAFETY_ANALYSIS;
-    void ReleaseRecycledBlock(const FileChoice& choice) REQUIRES(filesMutex_, indexMutex_);
-    FileSystem::Chunk OpenBlock(const FileChoice& choice, const TimePoint& tp,
-                                const TimePoint& duration, unsigned long size)
-        REQUIRES(filesMutex_, indexMutex_);
+    ChunkPlacer Placer() REQUIRES(indexMutex_);
+    // Append checks the end of the track before it takes any lock: the
+    // placer then reads only the atomic end of track, never the blocks it is
+    // handed, hence the exemption of this one function.
+    void CheckAfterEndOfTrack(const TimePoint& tp) NO_THREAD_SAFETY_ANALYSIS;
+    // The book reads blocks_ with filesMutex_ alone held when it chooses a
+    // file (only the appending thread adds blocks, and every operation that
+    // erases one holds filesMutex_ too, so the map keeps its shape
+    // meanwhile); it changes blocks only under indexMutex_ as well. The
+    // analysis knows one guard per member, hence the exemption of the body.
+    TrackFileBook Book() REQUIRES(filesMutex_) NO_THREAD_SAFETY_ANALYSIS;
+    FileSystem::Chunk AppendInNewBlock(const TimePoint& tp, const TimePoint& duration,
+                                       unsigned long size);
+    // With filesMutex_ and indexMutex_ held exclusively, `file` taken out of
+    // the empty files or out of its recycled block.
+    FileSystem::Chunk AppendFirstInBlockLocked(const ChunkFile& file, const TimePoint& tp,
+                                               const TimePoint& duration, unsigned long size,
+                                               bool trackStarts) REQUIRES(filesMutex_, indexMutex_);
     void ForgetRecycledFile(const ChunkFile& file);
     FileSystem::Chunk AppendInBlockLocked(FileSystem::Block& block, const TimePoint& tp,
                                           const TimePoint& duration, unsigned long size)
         REQUIRES(indexMutex_);
-    void CountAppended(const FileSystem::Chunk& chunk) REQUIRES(indexMutex_);
+    void CountFreed(const TrackFileBook::Freed& freed);
     void NoteFileSize(const ChunkFile& file);
     void NotePlaced(const ChunkFile& file) REQUIRES(indexMutex_);
     bool IsBeingWritten(const ChunkFile& file) const REQUIRES_SHARED(indexMutex_);
+    // For the book, which calls it with indexMutex_ held.
+    TrackFileBook::Keep KeepFileBeingWritten() const REQUIRES_SHARED(indexMutex_);
     std::vector<FileSystem::Chunk> StillIndexed(const std::vector<FileSystem::Chunk>& chunks) const;
-    void LogProgress(const FileSystem::Block& last) REQUIRES_SHARED(indexMutex_);
     void CheckFactory() const;
-    ChunkHandle MakeHandle(const FileSystem::Chunk& chunk) const;
-    std::map<TimePoint, FileSystem::Block>::const_iterator BlockAtOrBefore(
-        const TimePoint& tp) const REQUIRES_SHARED(indexMutex_);
-    std::vector<ChunkFile> RemoveEmptyFilesUpTo(unsigned long size, unsigned long& taken)
-        REQUIRES(filesMutex_) REQUIRES_SHARED(indexMutex_);
-    std::vector<ChunkFile> RemoveBlocksUpTo(unsigned long size, unsigned long& taken)
-        REQUIRES(filesMutex_, indexMutex_);
+    // Null for no chunk; else sets `found` (when given) to its time point.
+    ChunkHandle MakeHandle(const std::optional<FileSystem::Chunk>& chunk, TimePoint* found) const;
     size_t ProtectRange(long id, const TimePoint& in, const TimePoint& out, bool mayHoldNothing);
     // Has the protections whose range the newest block lies in hold it.
     void HoldNewestBlockLocked() REQUIRES(filesMutex_, indexMutex_);
-    std::vector<ChunkFile> ProtectBlocks(long id, const TimePoint& in, const TimePoint& out)
-        REQUIRES(filesMutex_);
-    bool RemoveFromEmptyFiles(const ChunkFile& file) REQUIRES(filesMutex_);
-    bool RemoveBlockOfFile(const ChunkFile& file) REQUIRES(filesMutex_, indexMutex_);
 
     const long trackId_;
     tav::mr::logging::Logger logger_;
@@ -213,28 +228,25 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     mutable Moreld::Tools::SharedMutex filesMutex_ ACQUIRED_BEFORE(indexMutex_, dbMutex_);
     std::deque<ChunkFile> emptyFiles_ GUARDED_BY(filesMutex_);
     std::set<TimePoint> recyclableKeys_ GUARDED_BY(filesMutex_);
-    std::map<unsigned long, std::set<TimePoint>> protections_ GUARDED_BY(filesMutex_);
-    ProtectionRanges protectionRanges_ GUARDED_BY(filesMutex_);
+    ProtectionTable protections_ GUARDED_BY(filesMutex_);
     std::set<IProtectionObserver*> protectionObservers_ GUARDED_BY(filesMutex_);
     bool loopRecording_ GUARDED_BY(filesMutex_) = true;
 
     mutable Moreld::Tools::SharedMutex indexMutex_ ACQUIRED_BEFORE(dbMutex_);
     std::map<TimePoint, FileSystem::Block> blocks_ GUARDED_BY(indexMutex_);
-    long chunkCounter_ GUARDED_BY(indexMutex_) = 0;
     bool writing_ GUARDED_BY(indexMutex_) = false;
     std::optional<ChunkFile> fileBeingWritten_ GUARDED_BY(indexMutex_);
 
     Moreld::Tools::Mutex dbMutex_;
     TrackDB trackDb_ GUARDED_BY(dbMutex_);
 
-    // Written by the appending thread (or under the locks above), read anywhere.
-    std::atomic<unsigned long> maxTrackSize_{0};
-    std::atomic<unsigned long> trackSize_{0};
-    std::atomic<unsigned long> fileSize_{0};
-    std::atomic<TimePoint> beginningOfTrack_{TimePoint()};
-    std::atomic<TimePoint> endOfTrack_{TimePoint()};
-    std::atomic<TimePoint> accumulatedDuration_{TimePoint()};
+    // Written by the appending thread (or under the locks above), read
+    // anywhere; its chunk counter is guarded by indexMutex_ (a field of a
+    // struct, which the analysis cannot name: the placer, built only under
+    // indexMutex_, is what writes it).
+    TrackCounters counters_;
     std::atomic<TimePoint> maxAge_{TimePoint()};  // written under dbMutex_
+    TrackActivity activity_;
 
     std::atomic<IChunkProtectionFactory*> chunkProtectionFactory_{nullptr};
     std::atomic<bool> durableRecycling_{true};

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Services/StorageErrors.h"
 #include "Platform/Tools/MutexLock.h"
 #include "Platform/Tools/SyncPoint.h"
 #include "Platform/Tools/WriterLock.h"
@@ -13,9 +14,6 @@ namespace {
 
 using UniqueLock = Moreld::Tools::WriterLock<>;
 
-// Every chunk file starts with a header of this size.
-constexpr unsigned long kFileHeaderSize = 16;
-
 }  // namespace
 
 void TrackAgePurge::SetMaxAge(const TimePoint& maxAge) {
@@ -24,7 +22,7 @@ void TrackAgePurge::SetMaxAge(const TimePoint& maxAge) {
         msg << "T" << m_.trackId_ << ": max age must not be negative, got "
             << maxAge.ToDurationString();
         MR_LOG(m_.logger_, 40, msg.str());
-        throw std::runtime_error(msg.str());
+        throw MoreldStorageApi::InvalidArgumentError(msg.str());
     }
     Moreld::Tools::MutexLock db(m_.dbMutex_);
     m_.trackDb_.SetMaxAge(maxAge);
@@ -59,32 +57,10 @@ size_t TrackAgePurge::Run(const TimePoint& cutoff) {
 }
 
 std::vector<ChunkFile> TrackAgePurge::TakeExpiredBlocks(const TimePoint& cutoff) {
-    std::vector<ChunkFile> purged;
-    // Recyclable keys are the unprotected blocks, oldest first; blocks do
-    // not overlap, so the first one ending after the cutoff ends the walk.
-    for (auto key = m_.recyclableKeys_.begin(); key != m_.recyclableKeys_.end();) {
-        auto block = m_.blocks_.find(*key);
-        if (block == m_.blocks_.end()) {
-            MR_LOG(m_.logger_, 40,
-                   "Could not find block to purge at recyclable timepoint "
-                       << *key << " --> we remove this timepoint from the recyclable ones");
-            key = m_.recyclableKeys_.erase(key);
-            continue;
-        }
-        if (block->second.Empty()) {  // a block whose first chunk failed: it holds nothing
-            ++key;
-            continue;
-        }
-        if (block->second.GetTcOut() > cutoff || m_.IsBeingWritten(block->second.GetChunkFile()))
-            break;
-        ChunkFile file = block->second.GetChunkFile();
-        file.SetFromEmptyFile(true);
-        m_.trackSize_ = m_.trackSize_.load() + kFileHeaderSize - block->second.GetCurrentSize();
-        purged.push_back(file);
-        m_.emptyFiles_.push_back(file);
-        m_.blocks_.erase(block);
-        key = m_.recyclableKeys_.erase(key);
-    }
+    TrackFileBook::Freed freed;
+    std::vector<ChunkFile> purged =
+        m_.Book().EmptyBlocksEndingBy(cutoff, freed, m_.KeepFileBeingWritten());
+    m_.CountFreed(freed);
     return purged;
 }
 
@@ -92,6 +68,6 @@ void TrackAgePurge::LogPurge(size_t files, const TimePoint& cutoff) const {
     MR_LOG(m_.logger_, 30,
            "T" << m_.trackId_ << ": " << files << " blocks ending before " << cutoff
                << " given back as empty files (max age " << m_.maxAge_.load().ToDurationString()
-               << "). Beginning of track is now " << m_.beginningOfTrack_.load()
+               << "). Beginning of track is now " << m_.counters_.beginningOfTrack.load()
                << ". There are now " << m_.emptyFiles_.size() << " empty files available.");
 }

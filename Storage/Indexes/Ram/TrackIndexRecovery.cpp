@@ -4,9 +4,11 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "Platform/File/ChunkFileHeader.h"
 #include "Platform/File/DataChunkFileAppender.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Tools/MutexLock.h"
+#include "Platform/Tools/StrCat.h"
 #include "Platform/Tools/WriterLock.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 
@@ -15,16 +17,6 @@ using Moreld::Time::TimePoint;
 namespace {
 
 using UniqueLock = Moreld::Tools::WriterLock<>;
-
-// Every chunk file starts with a header of this size.
-constexpr unsigned long kFileHeaderSize = 16;
-
-template <typename... Parts>
-std::string Concat(const Parts&... parts) {
-    std::ostringstream os;
-    (os << ... << parts);
-    return os.str();
-}
 
 }  // namespace
 
@@ -40,7 +32,7 @@ void TrackIndexRecovery::LoadEmptyFiles() {
         const bool inBlock = listedIn(blockFiles, file);
         if (!inBlock && !listedIn(m_.emptyFiles_, file)) {
             m_.emptyFiles_.push_back(file);
-            m_.maxTrackSize_ += static_cast<unsigned long>(file.Size());
+            m_.counters_.maxTrackSize += static_cast<unsigned long>(file.Size());
             m_.NoteFileSize(file);
             continue;
         }
@@ -98,7 +90,8 @@ void TrackIndexRecovery::OpenDatabase(const std::string& directory) {
     {
         Moreld::Tools::MutexLock db(m_.dbMutex_);
         if (!m_.trackDb_.Open(directory, m_.trackId_)) {
-            throw std::runtime_error(Concat("Could not open DB on track ", m_.trackId_));
+            throw std::runtime_error(
+                Moreld::Tools::StrCat("Could not open DB on track ", m_.trackId_));
         }
     }
     UniqueLock files(m_.filesMutex_);
@@ -113,8 +106,8 @@ void TrackIndexRecovery::OpenDatabase(const std::string& directory) {
     unsigned long sequence = 0;
     for (auto& [key, block] : m_.blocks_)
         block.Restamp(accumulated, sequence);
-    m_.accumulatedDuration_ = accumulated;
-    m_.chunkCounter_ = static_cast<long>(sequence);
+    m_.counters_.accumulatedDuration = accumulated;
+    m_.counters_.chunkCounter = static_cast<long>(sequence);
     if (chunkCount == 0) {
         MR_LOG(
             m_.logger_, 30,
@@ -127,7 +120,7 @@ void TrackIndexRecovery::OpenDatabase(const std::string& directory) {
                    << chunkCount << " chunks in " << m_.blocks_.size() << " files from "
                    << m_.blocks_.begin()->second.GetTcIn() << " to "
                    << m_.blocks_.rbegin()->second.GetTcOut() << ". Max track size is "
-                   << m_.maxTrackSize_.load() / 1000000 << "MB.");
+                   << m_.counters_.maxTrackSize.load() / 1000000 << "MB.");
     }
     m_.AdaptBeginningOfTrack();
 }
@@ -191,7 +184,8 @@ void TrackIndexRecovery::DropNewestBlock(const FileSystem::Block& block) {
         m_.trackDb_.RemoveAndAddAsEmptyFile(file);
     }
     const TimePoint key = block.GetTcIn();
-    m_.trackSize_ = m_.trackSize_.load() + kFileHeaderSize - block.GetCurrentSize();
+    m_.counters_.trackSize = m_.counters_.trackSize.load() + Moreld::File::ChunkFileHeader::kSize -
+                             block.GetCurrentSize();
     m_.recyclableKeys_.erase(key);
     m_.blocks_.erase(key);
 }
@@ -216,7 +210,8 @@ void TrackIndexRecovery::KeepFirstChunks(const FileSystem::Block& block, size_t 
         Moreld::Tools::MutexLock db(m_.dbMutex_);
         m_.trackDb_.SaveAndRemove(rows);
     }
-    m_.trackSize_ = m_.trackSize_.load() + trimmed.GetCurrentSize() - block.GetCurrentSize();
+    m_.counters_.trackSize =
+        m_.counters_.trackSize.load() + trimmed.GetCurrentSize() - block.GetCurrentSize();
     // Assignment keeps the protections of the indexed block.
     m_.blocks_.at(block.GetTcIn()) = trimmed;
 }
@@ -245,16 +240,16 @@ void TrackIndexRecovery::HandlePowerFailure(const std::string& root) {
     }
     if (!m_.blocks_.empty()) {
         const FileSystem::Block& newest = m_.blocks_.rbegin()->second;
-        m_.endOfTrack_ = newest.GetTcOut();
-        m_.accumulatedDuration_ = newest.GetLastChunk().accumulatedDuration;
-        m_.chunkCounter_ = static_cast<long>(newest.GetLastChunk().sequenceNumber) + 1;
+        m_.counters_.endOfTrack = newest.GetTcOut();
+        m_.counters_.accumulatedDuration = newest.GetLastChunk().accumulatedDuration;
+        m_.counters_.chunkCounter = static_cast<long>(newest.GetLastChunk().sequenceNumber) + 1;
     }
     m_.AdaptBeginningOfTrack();
     MR_LOG(m_.logger_, 30, "T" << m_.trackId_ << ": Power failure recovery over");
     MR_LOG(m_.logger_, 30,
            "T" << m_.trackId_ << ": " << m_.emptyFiles_.size() << " empty files and "
                << m_.blocks_.size() << " blocks. Track goes now from "
-               << m_.beginningOfTrack_.load() << " to " << m_.endOfTrack_.load());
+               << m_.counters_.beginningOfTrack.load() << " to " << m_.counters_.endOfTrack.load());
     Moreld::Tools::MutexLock db(m_.dbMutex_);
     m_.trackDb_.SetActiveMode(false);
 }

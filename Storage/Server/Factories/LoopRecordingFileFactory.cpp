@@ -13,6 +13,7 @@
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriterFactory.h"
 #include "Storage/Server/FileSystem/LoopRecordingTrackRetention.h"
 #include "Storage/Server/FileSystem/LoopRecordingTrackStorage.h"
+#include "Storage/Server/FileSystem/LoopRecordingTrackTimeline.h"
 
 LoopRecordingFileFactory::LoopRecordingFileFactory(const FactoryParameters& parameters)
     : trackDirectory_(parameters.trackDirectory),
@@ -164,6 +165,8 @@ MoreldStorageApi::Service* LoopRecordingFileFactory::Construct(
     service->SetTrackReaderFactory(std::make_unique<ChunkCacheFileTrackReaderFactory>(
         *managers_, *chunkCacheManager_, *directoryHandler_, *monitoring_, data.clientDescription));
     service->SetTrackRetention(std::make_unique<LoopRecordingTrackRetention>(*trackStorage_));
+    service->SetTrackTimeline(std::make_unique<LoopRecordingTrackTimeline>(
+        *managers_, *chunkCacheManager_, *monitoring_));
     return service.release();
 }
 

@@ -8,6 +8,7 @@
 
 #include "Platform/File/DataChunkFileReader.h"
 #include "Platform/Plexa/DataChunk.h"
+#include "Platform/Services/StorageErrors.h"
 #include "Storage/Indexes/SQLite/PoolDB.h"
 #include "Storage/Indexes/SQLite/TrackDB.h"
 #include "Storage/Server/Factories/DatabaseSnapshot.h"
@@ -52,7 +53,8 @@ StoreCheck::Report StoreCheck::Run() {
     report_ = Report();
     const fs::path poolDb = fs::path(directories_.dbDirectory) / "pool.db";
     if (!fs::is_regular_file(poolDb))
-        throw std::runtime_error("no store to check: " + poolDb.string() + " does not exist");
+        throw MoreldStorageApi::NotFoundError("no store to check: " + poolDb.string() +
+                                              " does not exist");
     std::set<long> databases;
     for (const fs::directory_entry& entry : fs::directory_iterator(directories_.dbDirectory)) {
         long id = 0;

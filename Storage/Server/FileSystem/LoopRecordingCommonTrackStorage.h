@@ -15,7 +15,9 @@
 #include "Storage/Indexes/File/FilesPool.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
 #include "Storage/Indexes/SQLite/ProtectionDB.h"
+#include "Storage/Server/FileSystem/TrackFileMoves.h"
 #include "Storage/Server/FileSystem/TrackPropertiesCache.h"
+#include "Storage/Server/FileSystem/TrackProtections.h"
 #include "Storage/Server/FileSystem/TrackRetention.h"
 #include "Storage/Server/Monitoring.h"
 
@@ -27,6 +29,9 @@
 //
 // Refers to the directory handler and the index registry (owned by the
 // service factory, which outlives it); shares the pools.
+//
+// The moves of files (TrackFileMoves) and the protections (TrackProtections)
+// are helpers without locks of their own, called under the mutexes below.
 //
 // Thread safety: every operation is safe from any thread. Two independent
 // mutexes: poolMutex_ serialises what moves files (create, resize, delete,
@@ -84,7 +89,7 @@ class LoopRecordingCommonTrackStorage {
     size_t LiftExpiredProtections();
     // The clock of expiries (the wall clock by default). Set before the
     // protection database is opened.
-    void SetClock(std::function<TimePoint()> clock) { clock_ = std::move(clock); }
+    void SetClock(std::function<TimePoint()> clock);
     void ListProtections(Protocol::ProtectionInfos& out);
     void SetTrackProperties(const long& track, const Protocol::PropertyList& properties);
     void RemoveTrackProperties(const long& track, const Protocol::PropertyList& properties);
@@ -111,32 +116,21 @@ class LoopRecordingCommonTrackStorage {
 
   private:
     std::shared_ptr<FilesPool> FirstPool() const;  // null when there is none
-    long ChooseTrackId(long requested) const;
-    void ShrinkTrack(long id, unsigned long bytes, LoopRecordingFileManager& manager,
-                     Protocol::TrackParameters& out);
-    void ExtendTrack(long id, unsigned long bytes, LoopRecordingFileManager& manager,
-                     Protocol::TrackParameters& out);
-    // Returns the unprotected files of a track being deleted to the pool;
-    // true when nothing is left and the track is gone (but its properties).
-    bool GiveBackUnprotectedFiles(long id, FilesPool& pool, Protocol::TrackParameters& out);
     Monitoring& RequireMonitoring(const char* message) const;
-    void UnprotectLocked(long protectionId) REQUIRES(accessMutex_);
-    size_t LiftExpiredLocked() REQUIRES(accessMutex_);
 
+    tav::mr::logging::Logger logger_;
     DirectoryHandler& directories_;
     LoopRecordingFileManagers& managers_;
     // Held briefly, after poolMutex_ when both are.
     mutable Moreld::Tools::Mutex poolsMutex_;
     std::set<std::shared_ptr<FilesPool>> pools_ GUARDED_BY(poolsMutex_);
-    ProtectionDB protectionDb_ GUARDED_BY(accessMutex_);
+    TrackFileMoves moves_ GUARDED_BY(poolMutex_);
+    TrackProtections protections_ GUARDED_BY(accessMutex_);
     TrackPropertiesCache properties_ GUARDED_BY(accessMutex_);
     TrackRetention retention_ GUARDED_BY(accessMutex_);
-    long lastProtectionId_ GUARDED_BY(accessMutex_) = 0;
     Monitoring* monitoring_ = nullptr;
-    std::function<TimePoint()> clock_ = [] { return TimePoint::Now(); };
     // Independent of each other; both taken before any track's monitoring
     // mutex and the locks of the index, the caches and the pool.
     mutable Moreld::Tools::Mutex poolMutex_ ACQUIRED_BEFORE(poolsMutex_);
     mutable Moreld::Tools::Mutex accessMutex_;
-    tav::mr::logging::Logger logger_;
 };

@@ -3,12 +3,15 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "Platform/File/ChunkFileHeader.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Plexa/Converter.h"
+#include "Platform/Services/StorageErrors.h"
 #include "Platform/Tools/MutexLock.h"
 #include "Platform/Tools/StdTimer.h"
 #include "Platform/Tools/SyncPoint.h"
 
+using Moreld::File::ChunkFileHeader;
 using Moreld::Time::TimePoint;
 
 namespace {
@@ -16,8 +19,6 @@ namespace {
 // Bytes a writer lets its track's cache hold; never more than the budget the
 // caches share, when the host set one.
 constexpr unsigned long kWriterCacheBytes = 50000000;
-// Every chunk file starts with a header of this size.
-constexpr unsigned long kFileHeaderSize = 16;
 
 long Milliseconds(const Moreld::Tools::StdTimer& timer) {
     return timer.GetEllapsedTime() / 1000;
@@ -142,7 +143,7 @@ void LoopRecordingFileTrackWriter::CheckAndThrow(const TimePoint& t, const TimeP
         if (duration == TimePoint())
             msg << ", which means you set 0 or you set nothing";
         MR_LOG(logger_, 50, msg.str());
-        throw std::runtime_error(msg.str());
+        throw MoreldStorageApi::InvalidArgumentError(msg.str());
     }
     TimePoint end;
     if (!TimePoint::CheckedAdd(t, duration, end)) {
@@ -150,7 +151,7 @@ void LoopRecordingFileTrackWriter::CheckAndThrow(const TimePoint& t, const TimeP
         msg << "T" << trackId_ << ": Chunk at " << t << " (" << t.ToNanoseconds() << "ns) lasting "
             << duration.ToDurationString() << " ends after the last time point";
         MR_LOG(logger_, 50, msg.str());
-        throw std::runtime_error(msg.str());
+        throw MoreldStorageApi::InvalidArgumentError(msg.str());
     }
     TimePoint accumulated;
     if (!TimePoint::CheckedAdd(accumulatedDuration_, duration, accumulated)) {
@@ -159,14 +160,14 @@ void LoopRecordingFileTrackWriter::CheckAndThrow(const TimePoint& t, const TimeP
         msg << "T" << trackId_ << ": Chunk at " << t << " lasting " << duration.ToDurationString()
             << ": the accumulated duration of the track would overflow";
         MR_LOG(logger_, 50, msg.str());
-        throw std::runtime_error(msg.str());
+        throw MoreldStorageApi::InvalidArgumentError(msg.str());
     }
     if (t < endOfTrack_) {
         std::ostringstream msg;
         msg << "T" << trackId_ << ": Chunk's timepoint " << t << " is < end of track "
             << endOfTrack_;
         MR_LOG(logger_, 50, msg.str());
-        throw std::runtime_error(msg.str());
+        throw MoreldStorageApi::InvalidArgumentError(msg.str());
     }
 }
 
@@ -177,14 +178,15 @@ void LoopRecordingFileTrackWriter::CheckRoom(const TimePoint& t, unsigned long s
         // The index's own words for it.
         msg << "You must call GrowTrack to store chunks at " << t.ToString() << " for track "
             << trackId_;
-    } else if (fileSize < kFileHeaderSize || size > fileSize - kFileHeaderSize) {
+        MR_LOG(logger_, 50, msg.str());
+        throw MoreldStorageApi::StoreBusyError(msg.str());
+    }
+    if (fileSize < ChunkFileHeader::kSize || size > fileSize - ChunkFileHeader::kSize) {
         msg << "T" << trackId_ << ": Chunk at " << t << " takes " << size << "B on file: files of "
             << fileSize << "B cannot hold a chunk of size " << size;
-    } else {
-        return;
+        MR_LOG(logger_, 50, msg.str());
+        throw MoreldStorageApi::InvalidArgumentError(msg.str());
     }
-    MR_LOG(logger_, 50, msg.str());
-    throw std::runtime_error(msg.str());
 }
 
 void LoopRecordingFileTrackWriter::CountLoss(const TimePoint& t, const std::string& reason) {
@@ -208,7 +210,7 @@ void LoopRecordingFileTrackWriter::ThrowLosses() {
         lostChunks_ = 0;
     }
     MR_LOG(logger_, 50, msg.str());
-    throw std::runtime_error(msg.str());
+    throw MoreldStorageApi::DataLossError(msg.str());
 }
 
 void LoopRecordingFileTrackWriter::WaitUntilStored(long& stored) {

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "Platform/Plexa/Converter.h"
+#include "Platform/Services/StorageErrors.h"
 
 using Moreld::Plexa::Converter;
 
@@ -14,7 +15,7 @@ ProtectionDB::Terms ProtectionTermsCodec::FromRequest(long track,
         std::ostringstream os;
         os << "T" << track << ": a protection label takes " << request.label().size()
            << " bytes, more than " << kMaxLabelBytes;
-        throw std::runtime_error(os.str());
+        throw MoreldStorageApi::InvalidArgumentError(os.str());
     }
     ProtectionDB::Terms terms{request.label(), std::nullopt};
     if (!request.has_expires())
@@ -24,7 +25,7 @@ ProtectionDB::Terms ProtectionTermsCodec::FromRequest(long track,
         std::ostringstream os;
         os << "T" << track << ": Protection expiry " << expires << " is not after now (" << now
            << ")";
-        throw std::runtime_error(os.str());
+        throw MoreldStorageApi::InvalidArgumentError(os.str());
     }
     terms.expires = expires;
     return terms;

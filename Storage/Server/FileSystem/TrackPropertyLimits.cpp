@@ -4,10 +4,12 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "Platform/Services/StorageErrors.h"
+
 namespace {
 
 [[noreturn]] void Refuse(long track, const std::string& what) {
-    throw std::runtime_error("T" + std::to_string(track) + ": " + what);
+    throw MoreldStorageApi::InvalidArgumentError("T" + std::to_string(track) + ": " + what);
 }
 
 // `what` ends with its verb: "a key takes".

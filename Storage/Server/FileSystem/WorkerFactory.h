@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "Platform/Services/StorageErrors.h"
 #include "Platform/Tools/Mutex.h"
 #include "Platform/Tools/MutexLock.h"
 #include "Storage/Indexes/File/DirectoryHandler.h"
@@ -34,8 +35,9 @@ struct WorkerFactory {
         }
         Moreld::Tools::MutexLock track(monitoring->GetMutex(trackId));
         if (!managers.Exists(trackId)) {
-            throw std::runtime_error("Cannot create a " + workerKind + ", track " +
-                                     std::to_string(trackId) + " has not been created");
+            throw MoreldStorageApi::NotFoundError("Cannot create a " + workerKind + ", track " +
+                                                  std::to_string(trackId) +
+                                                  " has not been created");
         }
         auto worker = std::make_unique<Worker>(trackId, *managers.GetManager(trackId),
                                                *caches.GetChunkCache(trackId));

@@ -180,6 +180,63 @@ TEST(MpegTsChunkerTest, ResyncsAfterGarbageAndDropsATruncatedPacket) {
     EXPECT_EQ(chunker.SkippedBytes(), 11u + 300u + 100u);
 }
 
+// `packet` made the start of a key frame: the unit start and random access
+// indicators set. Precondition: it carries a PCR (an adaptation field).
+std::string KeyFrame(std::string packet) {
+    packet[1] = static_cast<char>(packet[1] | 0x40);
+    packet[5] = static_cast<char>(packet[5] | 0x40);
+    return packet;
+}
+
+// A stream that marks key frames (video every 1.5 s on the clock's stream,
+// audio frames marked on another) is cut before the first video key frame
+// once a chunk lasts its 1 s, and chunks last from key frame to key frame.
+// When the marks stop, a chunk waits no longer than 10 s of clock, and the
+// clock paces the next ones; the size limit holds throughout.
+TEST(MpegTsChunkerTest, StreamThatMarksKeyFramesIsCutAtThem) {
+    std::string stream;
+    std::vector<size_t> keyFrames;  // offsets
+    for (int i = 0; i < 400; ++i) {
+        const int64_t pcr = 2'000'000'000 + int64_t{i} * 100'000'000;  // 100 ms apart
+        std::string video = Packet(0x100, 'v', pcr);
+        if (i % 15 == 0 && i < 60) {
+            keyFrames.push_back(stream.size());
+            video = KeyFrame(video);
+        }
+        stream += video;
+        stream += KeyFrame(Packet(0x101, 'a', pcr));  // audio: every frame marked
+    }
+    MpegTsChunker chunker(TimePoint::FromSeconds(1), 1 << 20);
+    const auto chunks = Cut(stream, chunker, 1000);
+    EXPECT_EQ(Joined(chunks), stream);
+    ASSERT_GE(chunks.size(), 6u);
+    size_t offset = chunks[0].payload.size();
+    for (size_t i = 1; i < 4; ++i) {
+        EXPECT_EQ(offset, keyFrames[i]) << "chunk " << i << " does not start at a key frame";
+        EXPECT_EQ(chunks[i - 1].duration, TimePoint::FromMilliseconds(1500)) << i;
+        offset += chunks[i].payload.size();
+    }
+    // After the last mark (packet 45): 10 s of clock, then 1 s chunks.
+    EXPECT_EQ(chunks[3].duration, TimePoint::FromSeconds(10));
+    EXPECT_EQ(chunks[4].duration, TimePoint::FromSeconds(1));
+
+    MpegTsChunker small(TimePoint::FromSeconds(1), 20 * kPacket);
+    for (const SourceChunk& c : Cut(stream, small, 1000))
+        EXPECT_LE(c.payload.size(), 20 * kPacket);
+
+    // The last chunk, cut by the end of the stream 1.4 s after its key
+    // frame, lasts as long as its clock ran, not the nominal second.
+    std::string ending;
+    for (int i = 0; i < 45; ++i) {
+        const std::string video = Packet(0x100, 'v', int64_t{i} * 100'000'000);
+        ending += i % 15 == 0 ? KeyFrame(video) : video;
+    }
+    MpegTsChunker last(TimePoint::FromSeconds(1), 1 << 20);
+    const auto ended = Cut(ending, last, 1000);
+    ASSERT_EQ(ended.size(), 3u);
+    EXPECT_EQ(ended[2].duration, TimePoint::FromMilliseconds(1400));
+}
+
 TEST(MpegTsChunkerTest, DetectsTransportStreams) {
     const std::string two = Packet(1, 'a') + Packet(1, 'b');
     EXPECT_TRUE(MpegTsChunker::LooksLikeMpegTs(two));

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <thread>
@@ -616,6 +617,35 @@ TEST(LoopstoreServerTest, RunServerStopsOnRequest) {
     }
     server.join();
     EXPECT_EQ(0, code);
+}
+
+TEST(LoopstoreServerTest, DamagedRecordsAndLostDataAreDataLoss) {
+    ServerFixture s(4);
+    const long track = s.CreateTrack(1, 2);
+    ASSERT_TRUE(s.Record(track, 10 * kSecond, 2).ok());
+    // A clean stop writes every chunk to its file; the restarted server
+    // reads them from there, not from a cache.
+    s.Stop();
+    const std::filesystem::path trackDir =
+        std::filesystem::path(s.Options().tracksDir) / std::to_string(track);
+    for (const auto& entry : std::filesystem::directory_iterator(trackDir)) {
+        // Inside the payload of a file's first record, if it has one.
+        std::fstream file(entry.path(), std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(1000);
+        file.put('\x5a').put('\xa5');
+    }
+    s.Start();
+
+    auto context = s.Context();
+    auto session = s.Readers().Session(context.get());
+    rpc::ReadRequest request = Op(rpc::ReadRequest::GET_CHUNK, 10 * kSecond);
+    request.mutable_open()->set_track_id(track);
+    ASSERT_TRUE(session->Write(request));
+    rpc::ReadReply reply;
+    EXPECT_FALSE(session->Read(&reply));
+    const grpc::Status status = session->Finish();
+    EXPECT_EQ(StatusCode::DATA_LOSS, status.error_code()) << status.error_message();
+    EXPECT_NE(std::string::npos, status.error_message().find("bad record"));
 }
 
 }  // namespace

@@ -27,6 +27,7 @@ class ServerFixture {
 
     host::ServerOptions& Options() { return options_; }
     int Port() const { return server_ ? server_->Port() : 0; }
+    int HttpPort() const { return server_ ? server_->HttpPort() : 0; }
 
     // A context carrying `token` as its bearer token (none when empty).
     std::unique_ptr<grpc::ClientContext> Context(const std::string& token = "") const;

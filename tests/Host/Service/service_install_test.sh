@@ -30,6 +30,7 @@ log_config=$(sed -n 's/.*--log-config \([^ ]*\).*/\1/p' <<<"$exec_start")
 command=${exec_start//\/var\/lib\/loopstore/$stage/data}
 command=${command//$program/$stage$program}
 command=${command//$log_config/$stage$log_config}
+command=${command//--http 127.0.0.1:7421/--http 127.0.0.1:0}
 command=${command//\$LOOPSTORE_OPTIONS/--listen 127.0.0.1:0 --pool-files 2 --pool-file-size 2M}
 log=$stage/server.log
 # shellcheck disable=SC2086

@@ -6,25 +6,16 @@
 
 #include "Platform/Logging/LogCapture.h"
 #include "tests/Storage/Indexes/Ram/TrackFixture.h"
+#include "tests/Support/ThrownText.h"
 
 using loopstore::test::ChunkWriter;
 using loopstore::test::Sec;
+using loopstore::test::ThrownText;
 using loopstore::test::TrackFixture;
 using Moreld::Time::TimePoint;
 using tav::mr::logging::LogCapture;
 
-namespace {
-
-std::string ThrownText(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<nothing thrown>";
-}
-
-}  // namespace
+namespace {}  // namespace
 
 TEST(LoopRecordingFileManager, PlacesChunksInBlocksAndRecyclesOldestUnprotectedFirst) {
     TrackFixture track(3, 2, 1000);

@@ -32,7 +32,7 @@ using Moreld::Time::TimePoint;
 
 namespace {
 
-constexpr unsigned long kHeader = 16;
+constexpr unsigned long kHeader = Moreld::File::ChunkFileHeader::kSize;
 // Bounds on the track's file count, so that the loop keeps recycling.
 constexpr size_t kMinFiles = 3;
 constexpr size_t kMaxFiles = 10;

@@ -44,6 +44,8 @@ class Storage {
     MoreldStorageApi::ITrackWriterFactory& Writers() { return *service_->trackWriterFactory; }
     MoreldStorageApi::ITrackReaderFactory& Readers() { return *service_->trackReaderFactory; }
     MoreldStorageApi::ITrackRetention& Retention() { return *service_->trackRetention; }
+    MoreldStorageApi::ITrackTimeline& Timeline() { return *service_->trackTimeline; }
+    MoreldStorageApi::Service& Service() { return *service_; }
     // Creates track `id` of `files` pool files; the id the store gave it.
     long CreateTrack(long id, long files);
 

@@ -31,7 +31,7 @@ constexpr size_t kPayload = 1000;
 constexpr unsigned long kRecordSize = 48 + 23 + kPayload;
 
 unsigned long FileSize(unsigned long chunksPerFile) {
-    return 16 + chunksPerFile * kRecordSize;
+    return Moreld::File::ChunkFileHeader::kSize + chunksPerFile * kRecordSize;
 }
 
 // Appends chunks [from, to) of one second each, then drains the writer: every

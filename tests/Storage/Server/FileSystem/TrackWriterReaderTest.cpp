@@ -13,25 +13,18 @@
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriter.h"
 #include "tests/Storage/Server/FileSystem/TrackIoFixture.h"
 #include "tests/Support/SyncPoints.h"
+#include "tests/Support/ThrownText.h"
 
 using loopstore::test::At;
 using loopstore::test::kSecond;
 using loopstore::test::MakeChunkMessage;
 using loopstore::test::PayloadFor;
+using loopstore::test::ThrownText;
 using loopstore::test::TrackIo;
 using Moreld::Time::TimePoint;
 using tav::mr::logging::LogCapture;
 
 namespace {
-
-std::string ThrownText(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<nothing thrown>";
-}
 
 // Reads back every chunk the index holds and checks it against what was
 // written; walks the track both ways. Returns the number of chunks read.

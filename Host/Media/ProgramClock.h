@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-namespace loopstore::cli {
+namespace loopstore::media {
 
 // The program clock reference (PCR) of one 188-byte MPEG-TS packet: the
 // encoder's 27 MHz clock, by which the chunker stamps chunks and against
@@ -23,4 +23,4 @@ struct ProgramClock {
     }
 };
 
-}  // namespace loopstore::cli
+}  // namespace loopstore::media

@@ -1,6 +1,6 @@
-#include "Host/Cli/ProgramClock.h"
+#include "Host/Media/ProgramClock.h"
 
-namespace loopstore::cli {
+namespace loopstore::media {
 
 namespace {
 
@@ -24,4 +24,4 @@ std::optional<ProgramClock> ProgramClock::Of(std::string_view p) {
     return pcr;
 }
 
-}  // namespace loopstore::cli
+}  // namespace loopstore::media

@@ -1,13 +1,13 @@
-#include "Host/Cli/ExportedBytes.h"
+#include "Host/Media/ExportedBytes.h"
 
 #include <algorithm>
 #include <cstring>
 #include <utility>
 
-#include "Host/Cli/ProgramClock.h"
+#include "Host/Media/ProgramClock.h"
 #include "Platform/Plexa/Converter.h"
 
-namespace loopstore::cli {
+namespace loopstore::media {
 
 using Moreld::Plexa::Converter;
 
@@ -102,4 +102,4 @@ bool ExportedBytes::Splice(int64_t after, int64_t upTo) const {
     return it != splices_.end() && *it <= upTo;
 }
 
-}  // namespace loopstore::cli
+}  // namespace loopstore::media

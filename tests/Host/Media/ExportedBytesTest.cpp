@@ -1,4 +1,4 @@
-#include "Host/Cli/ExportedBytes.h"
+#include "Host/Media/ExportedBytes.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 
 #include "Platform/Plexa/Converter.h"
 
-namespace loopstore::cli {
+namespace loopstore::media {
 namespace {
 
 using Moreld::Plexa::Converter;
@@ -82,4 +82,4 @@ TEST(ExportedBytesTest, PlacesTimestampsByTheChunksClockAndFindsHoles) {
 }
 
 }  // namespace
-}  // namespace loopstore::cli
+}  // namespace loopstore::media

@@ -7,7 +7,7 @@
 #include "Platform/Protocol/Protocol.pb.h"
 #include "Platform/Time/TimePoint.h"
 
-namespace loopstore::cli {
+namespace loopstore::media {
 
 // The payloads of exported chunks as one byte stream, for a demuxer, and
 // what the bytes are worth in time: when a packet starting at some byte is
@@ -33,7 +33,7 @@ class ExportedBytes {
     static constexpr TimePoint kMinGap = TimePoint::FromMilliseconds(1);
 
     // Fills its argument with the next chunk, in time order; false at the
-    // end (ExportStream::Next).
+    // end.
     using NextChunkFunction = std::function<bool(Protocol::Chunk&)>;
 
     // `from` and `to` bound the range asked for; chunks outside it (read
@@ -84,4 +84,4 @@ class ExportedBytes {
     uint64_t bytesInRange_ = 0;
 };
 
-}  // namespace loopstore::cli
+}  // namespace loopstore::media
