@@ -24,11 +24,6 @@ class CAPABILITY("mutex") BasicSharedMutex {
     void lock_shared() ACQUIRE_SHARED() { mutex_.lock_shared(); }
     void unlock_shared() RELEASE_SHARED() { mutex_.unlock_shared(); }
 
-    // Tells the analysis that the caller holds the lock, at least shared,
-    // where it cannot see it (a callback run under the lock). Checks nothing
-    // at run time.
-    void AssertReaderHeld() const ASSERT_SHARED_CAPABILITY(this) {}
-
   private:
     Native mutex_;
 };

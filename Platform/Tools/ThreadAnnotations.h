@@ -50,7 +50,6 @@
 // On a function: checks at run time that the lock is held and tells the
 // analysis so from there on.
 #define ASSERT_CAPABILITY(x) LOOPSTORE_THREAD_ANNOTATION(assert_capability(x))
-#define ASSERT_SHARED_CAPABILITY(x) LOOPSTORE_THREAD_ANNOTATION(assert_shared_capability(x))
 
 // On a function: it returns a reference to the lock `x`.
 #define RETURN_CAPABILITY(x) LOOPSTORE_THREAD_ANNOTATION(lock_returned(x))

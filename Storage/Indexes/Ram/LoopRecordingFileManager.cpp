@@ -159,11 +159,9 @@ bool LoopRecordingFileManager::IsBeingWritten(const ChunkFile& file) const {
 }
 
 TrackFileBook::Keep LoopRecordingFileManager::KeepFileBeingWritten() const {
-    return [this](const ChunkFile& file) {
-        // The book calls it while its caller holds indexMutex_.
-        indexMutex_.AssertReaderHeld();
-        return IsBeingWritten(file);
-    };
+    // The book calls it on this thread, under the locks its caller holds.
+    return [this](const ChunkFile& file)
+               REQUIRES_SHARED(indexMutex_) { return IsBeingWritten(file); };
 }
 
 void LoopRecordingFileManager::CountFreed(const TrackFileBook::Freed& freed) {
