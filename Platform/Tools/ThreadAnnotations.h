@@ -8,6 +8,10 @@
 // MutexLock, ReaderLock, WriterLock): the standard mutexes carry no
 // attributes, so the analysis cannot follow them.
 
+// Abseil's internal thread_annotations.h (reached through gRPC's headers)
+// defines five of these names, GUARDED_BY, PT_GUARDED_BY, ACQUIRED_BEFORE,
+// ACQUIRED_AFTER and NO_THREAD_SAFETY_ANALYSIS, as the same attributes: a
+// definition already there is kept rather than redefined.
 #if defined(__clang__)
 #define LOOPSTORE_THREAD_ANNOTATION(x) __attribute__((x))
 #else
@@ -20,13 +24,21 @@
 #define SCOPED_CAPABILITY LOOPSTORE_THREAD_ANNOTATION(scoped_lockable)
 
 // On a member: read and written only with the lock held (shared for reads).
+#ifndef GUARDED_BY
 #define GUARDED_BY(x) LOOPSTORE_THREAD_ANNOTATION(guarded_by(x))
+#endif
 // On a pointer member: the pointee is guarded by the lock.
+#ifndef PT_GUARDED_BY
 #define PT_GUARDED_BY(x) LOOPSTORE_THREAD_ANNOTATION(pt_guarded_by(x))
+#endif
 
 // On a lock member: the lock order (these locks are taken before / after).
+#ifndef ACQUIRED_BEFORE
 #define ACQUIRED_BEFORE(...) LOOPSTORE_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
+#endif
+#ifndef ACQUIRED_AFTER
 #define ACQUIRED_AFTER(...) LOOPSTORE_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
+#endif
 
 // On a function: the caller holds the locks (exclusively / at least shared).
 #define REQUIRES(...) LOOPSTORE_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
@@ -55,4 +67,6 @@
 #define RETURN_CAPABILITY(x) LOOPSTORE_THREAD_ANNOTATION(lock_returned(x))
 
 // On one function, with a comment saying why: the analysis cannot follow it.
+#ifndef NO_THREAD_SAFETY_ANALYSIS
 #define NO_THREAD_SAFETY_ANALYSIS LOOPSTORE_THREAD_ANNOTATION(no_thread_safety_analysis)
+#endif
