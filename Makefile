@@ -2,20 +2,22 @@
 JOBS ?= $(shell nproc)
 ASAN_DIR  := build/asan
 TSAN_DIR  := build/tsan
+LOCKS_DIR := build/locks
 REL_DIR   := build/release
 CMAKE_COMMON := -DCMAKE_EXPORT_COMPILE_COMMANDS=ON
 
 FUZZ_SECONDS ?= 30
 
-.PHONY: deps test test-asan test-tsan fuzz-ci run bench release format clean
+.PHONY: deps test test-asan test-tsan test-locks fuzz-ci run bench release format clean
 
 deps:
 	@scripts/install-deps.sh
 
 # Every test, under AddressSanitizer + UndefinedBehaviorSanitizer, then the
 # concurrency tests (label "concurrency", all in the storage) under
-# ThreadSanitizer, then every fuzz target for a short while.
-test: deps test-asan test-tsan fuzz-ci
+# ThreadSanitizer, then the lock-checking Clang build, then every fuzz target
+# for a short while.
+test: deps test-asan test-tsan test-locks fuzz-ci
 
 test-asan:
 	cmake -S . -B $(ASAN_DIR) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Debug -DLOOPSTORE_SANITIZE=address -DLOOPSTORE_BUILD_BENCH=OFF
@@ -27,6 +29,14 @@ test-tsan:
 		-DLOOPSTORE_BUILD_BENCH=OFF -DLOOPSTORE_BUILD_HOST=OFF
 	cmake --build $(TSAN_DIR) -j $(JOBS)
 	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600 -L concurrency
+
+# Everything (platform, storage, host, tests) built by Clang with its
+# thread-safety analysis and every warning an error: a lock taken out of
+# order, or guarded state touched without its lock, fails here. Nothing runs.
+test-locks:
+	cmake -S . -B $(LOCKS_DIR) $(CMAKE_COMMON) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug \
+		-DLOOPSTORE_WERROR=ON -DLOOPSTORE_BUILD_BENCH=OFF
+	cmake --build $(LOCKS_DIR) -j $(JOBS)
 
 # Builds the libFuzzer targets (Clang, build/fuzz) and runs each for
 # FUZZ_SECONDS from its seeds in fuzz/corpus; any finding fails. Longer runs of

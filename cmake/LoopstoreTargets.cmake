@@ -5,12 +5,26 @@
 # the shared libraries loopstore_platform and loopstore are assembled from the
 # units' objects (loopstore_shared_library). Tests link the shared libraries.
 
-set(LOOPSTORE_WARNINGS -Wall -Wextra)
+include(${CMAKE_CURRENT_LIST_DIR}/LoopstoreLayers.cmake)
 
-# loopstore_unit(<name> SOURCES <files...> [DEPS <targets...>])
+set(LOOPSTORE_WARNINGS -Wall -Wextra)
+# Clang checks the locks declared with Platform/Tools/ThreadAnnotations.h.
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  list(APPEND LOOPSTORE_WARNINGS -Wthread-safety -Wthread-safety-beta)
+endif()
+# The lock-checking CI tree (make test-locks) turns every warning into an error.
+option(LOOPSTORE_WERROR "Treat the project's own warnings as errors" OFF)
+if(LOOPSTORE_WERROR)
+  list(APPEND LOOPSTORE_WARNINGS -Werror)
+endif()
+
+# loopstore_unit(<name> SOURCES <files...> [DEPS <targets...>] [HEADERS <files...>])
+# HEADERS: headers without a source file, in a folder shared with other units
+# (see LoopstoreLayers.cmake: the unit's includes are checked before it builds).
 function(loopstore_unit name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;HEADERS" ${ARGN})
   add_library(${name} OBJECT ${ARG_SOURCES})
+  loopstore_register_unit(${name} SOURCES ${ARG_SOURCES} HEADERS ${ARG_HEADERS} DEPS ${ARG_DEPS})
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
     $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}>)

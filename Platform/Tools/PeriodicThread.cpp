@@ -1,5 +1,6 @@
 #include "Platform/Tools/PeriodicThread.h"
 
+#include "Platform/Tools/MutexLock.h"
 #include "Platform/Tools/SyncPoint.h"
 
 namespace Moreld::Tools {
@@ -13,7 +14,7 @@ PeriodicThread::~PeriodicThread() {
 
 void PeriodicThread::Stop() {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLock lock(mutex_);
         stopping_ = true;
     }
     wake_.notify_all();
@@ -22,11 +23,11 @@ void PeriodicThread::Stop() {
 }
 
 void PeriodicThread::Loop() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     for (;;) {
         // A steady deadline: spurious wake-ups do not shorten the interval.
         const auto due = std::chrono::steady_clock::now() + interval_;
-        if (wake_.wait_until(lock, due, [this] { return stopping_; }))
+        if (wake_.wait_until(lock, due, [this]() REQUIRES(mutex_) { return stopping_; }))
             return;
         lock.unlock();
         task_();

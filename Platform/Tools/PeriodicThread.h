@@ -3,8 +3,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <thread>
+
+#include "Platform/Tools/Mutex.h"
 
 namespace Moreld::Tools {
 
@@ -35,9 +36,9 @@ class PeriodicThread {
 
     const std::chrono::milliseconds interval_;
     const Task task_;
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    bool stopping_ = false;  // guarded by mutex_
+    Mutex mutex_;
+    std::condition_variable_any wake_;
+    bool stopping_ GUARDED_BY(mutex_) = false;
     std::thread thread_;
 };
 

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <utility>
 
+#include "Platform/Tools/MutexLock.h"
+
 namespace Moreld::Tools {
 
 RateLimiter::RateLimiter(int64_t intervalMicros, Clock clock)
@@ -10,7 +12,7 @@ RateLimiter::RateLimiter(int64_t intervalMicros, Clock clock)
 
 bool RateLimiter::Allow(uint64_t& suppressed) {
     const int64_t now = clock_();
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     if (started_ && now - lastAllowed_ < intervalMicros_) {
         ++suppressed_;
         suppressed = 0;

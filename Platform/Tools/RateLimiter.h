@@ -2,7 +2,8 @@
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
+
+#include "Platform/Tools/Mutex.h"
 
 namespace Moreld::Tools {
 
@@ -30,10 +31,10 @@ class RateLimiter {
   private:
     const int64_t intervalMicros_;
     const Clock clock_;
-    std::mutex mutex_;
-    bool started_ = false;     // guarded by mutex_
-    int64_t lastAllowed_ = 0;  // guarded by mutex_
-    uint64_t suppressed_ = 0;  // guarded by mutex_
+    Mutex mutex_;
+    bool started_ GUARDED_BY(mutex_) = false;
+    int64_t lastAllowed_ GUARDED_BY(mutex_) = 0;
+    uint64_t suppressed_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace Moreld::Tools

@@ -7,7 +7,7 @@ namespace Moreld::Tools {
 // semaphore before notify_*() is done with it.
 
 void Semaphore::Setup(long count) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     count_ = count;
     if (count_ > 0) {
         positive_.notify_all();
@@ -15,19 +15,19 @@ void Semaphore::Setup(long count) {
 }
 
 void Semaphore::Wait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    positive_.wait(lock, [this] { return count_ > 0; });
+    MutexLock lock(mutex_);
+    positive_.wait(lock, [this]() REQUIRES(mutex_) { return count_ > 0; });
     --count_;
 }
 
 void Semaphore::Signal() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     ++count_;
     positive_.notify_one();
 }
 
 long Semaphore::GetCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return count_;
 }
 

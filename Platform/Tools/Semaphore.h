@@ -1,7 +1,9 @@
 #pragma once
 
 #include <condition_variable>
-#include <mutex>
+
+#include "Platform/Tools/Mutex.h"
+#include "Platform/Tools/MutexLock.h"
 
 namespace Moreld::Tools {
 
@@ -29,9 +31,9 @@ class Semaphore {
     long GetCount() const;
 
   private:
-    mutable std::mutex mutex_;
-    std::condition_variable positive_;
-    long count_;
+    mutable Mutex mutex_;
+    std::condition_variable_any positive_;
+    long count_ GUARDED_BY(mutex_);
 };
 
 }  // namespace Moreld::Tools

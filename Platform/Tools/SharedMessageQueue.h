@@ -4,9 +4,11 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
+
+#include "Platform/Tools/Mutex.h"
+#include "Platform/Tools/MutexLock.h"
 
 namespace Moreld::Tools {
 
@@ -32,7 +34,7 @@ class SharedMessageQueue {
     // Appends `message` and wakes one waiting consumer.
     void Push(T message) {
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            MutexLock lock(mutex_);
             messages_.push_back(std::move(message));
         }
         notEmpty_.notify_one();
@@ -42,9 +44,9 @@ class SharedMessageQueue {
     // milliseconds for one to arrive. Throws std::runtime_error "Timeout for
     // SharedMessageQueue" when none arrived in time; the queue is unchanged.
     T Pop(unsigned long timeoutMs = kDefaultTimeoutMs) {
-        std::unique_lock<std::mutex> lock(mutex_);
+        MutexLock lock(mutex_);
         if (!notEmpty_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                [this] { return !messages_.empty(); })) {
+                                [this]() REQUIRES(mutex_) { return !messages_.empty(); })) {
             throw std::runtime_error("Timeout for SharedMessageQueue");
         }
         T message = std::move(messages_.front());
@@ -54,14 +56,14 @@ class SharedMessageQueue {
 
     // The number of queued messages; may be stale as soon as it is returned.
     std::size_t Size() const {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLock lock(mutex_);
         return messages_.size();
     }
 
   private:
-    mutable std::mutex mutex_;
-    std::condition_variable notEmpty_;
-    std::deque<T> messages_;  // guarded by mutex_
+    mutable Mutex mutex_;
+    std::condition_variable_any notEmpty_;
+    std::deque<T> messages_ GUARDED_BY(mutex_);
 };
 
 }  // namespace Moreld::Tools

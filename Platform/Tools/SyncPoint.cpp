@@ -1,5 +1,7 @@
 #include "Platform/Tools/SyncPoint.h"
 
+#include "Platform/Tools/MutexLock.h"
+
 namespace Moreld::Tools {
 
 SyncPoint& SyncPoint::Instance() {
@@ -8,19 +10,19 @@ SyncPoint& SyncPoint::Instance() {
 }
 
 void SyncPoint::SetCallback(const std::string& point, Callback callback) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     callbacks_[point] = std::move(callback);
     enabled_ = true;
 }
 
 void SyncPoint::ClearCallback(const std::string& point) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     callbacks_.erase(point);
     enabled_ = !callbacks_.empty();
 }
 
 void SyncPoint::ClearAll() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     callbacks_.clear();
     enabled_ = false;
 }
@@ -28,7 +30,7 @@ void SyncPoint::ClearAll() {
 void SyncPoint::Process(const char* point) {
     Callback callback;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLock lock(mutex_);
         auto it = callbacks_.find(point);
         if (it == callbacks_.end())
             return;

@@ -3,8 +3,21 @@
 #include <atomic>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
+
+#include "Platform/Tools/Mutex.h"
+
+// Sync points exist in test builds only. LOOPSTORE_SYNC_POINTS (set by the
+// build, option of the same name) chooses; left unset, NDEBUG turns them off.
+// Off, a point compiles to nothing: no call, no name in the binary. Tests that
+// need them skip (tests/Support/SyncPoints.h).
+#if !defined(LOOPSTORE_SYNC_POINTS)
+#if defined(NDEBUG)
+#define LOOPSTORE_SYNC_POINTS 0
+#else
+#define LOOPSTORE_SYNC_POINTS 1
+#endif
+#endif
 
 namespace Moreld::Tools {
 
@@ -15,6 +28,9 @@ namespace Moreld::Tools {
 //
 // Thread-safe. Callbacks run on the thread that reaches the point, with no
 // lock of this class held.
+//
+// Compiled out unless LOOPSTORE_SYNC_POINTS (above): the class stays, so
+// tests link either way, but no point reaches it.
 class SyncPoint {
   public:
     using Callback = std::function<void()>;
@@ -29,17 +45,26 @@ class SyncPoint {
     void Process(const char* point);
     bool Enabled() const { return enabled_.load(std::memory_order_relaxed); }
 
+    // Whether this build's points call Process at all.
+    static constexpr bool kCompiledIn = LOOPSTORE_SYNC_POINTS != 0;
+
   private:
     std::atomic<bool> enabled_{false};
-    std::mutex mutex_;  // guards callbacks_
-    std::map<std::string, Callback> callbacks_;
+    Mutex mutex_;
+    std::map<std::string, Callback> callbacks_ GUARDED_BY(mutex_);
 };
 
 }  // namespace Moreld::Tools
 
+#if LOOPSTORE_SYNC_POINTS
 #define LOOPSTORE_SYNC_POINT(point)                                     \
     do {                                                                \
         auto& loopstore_sync_ = ::Moreld::Tools::SyncPoint::Instance(); \
         if (loopstore_sync_.Enabled())                                  \
             loopstore_sync_.Process(point);                             \
     } while (false)
+#else
+#define LOOPSTORE_SYNC_POINT(point) \
+    do {                            \
+    } while (false)
+#endif

@@ -1,8 +1,10 @@
 #include "Storage/Server/Monitoring.h"
 
-#include <boost/thread/locks.hpp>
-
 #include <chrono>
+
+#include "Platform/Tools/MutexLock.h"
+#include "Platform/Tools/ReaderLock.h"
+#include "Platform/Tools/WriterLock.h"
 
 namespace {
 
@@ -62,55 +64,57 @@ Monitoring::~Monitoring() = default;
 
 void Monitoring::Add(const WorkerInfo& info) {
     const std::int64_t now = clock_();
-    boost::unique_lock<boost::shared_mutex> lock(workersMutex_);
+    Moreld::Tools::WriterLock<boost::shared_mutex> lock(workersMutex_);
     auto it = workers_.try_emplace(info.workerId, now).first;
+    Moreld::Tools::MutexLock worker(it->second.mutex);
     it->second.data.SetInfo(info);
 }
 
 void Monitoring::Remove(long workerId) {
-    boost::unique_lock<boost::shared_mutex> lock(workersMutex_);
+    Moreld::Tools::WriterLock<boost::shared_mutex> lock(workersMutex_);
     workers_.erase(workerId);
 }
 
 void Monitoring::Log(long workerId, unsigned long bytes) {
     const std::int64_t now = clock_();
-    boost::shared_lock<boost::shared_mutex> lock(workersMutex_);
+    Moreld::Tools::ReaderLock lock(workersMutex_);
     auto it = workers_.find(workerId);
     if (it == workers_.end()) {
         return;
     }
-    std::lock_guard<std::mutex> worker(it->second.mutex);
+    Moreld::Tools::MutexLock worker(it->second.mutex);
     it->second.data.Add(bytes, now);
 }
 
 Monitoring::WorkerInfo Monitoring::GetWorkerInfo(long workerId) const {
     const std::int64_t now = clock_();
-    boost::shared_lock<boost::shared_mutex> lock(workersMutex_);
+    Moreld::Tools::ReaderLock lock(workersMutex_);
     auto it = workers_.find(workerId);
     if (it == workers_.end()) {
         return WorkerInfo();
     }
-    std::lock_guard<std::mutex> worker(it->second.mutex);
+    Moreld::Tools::MutexLock worker(it->second.mutex);
     WorkerInfo info = it->second.data.GetInfo();
     info.throughput = it->second.data.ComputeThroughput(now);
     return info;
 }
 
 std::vector<std::pair<long, long>> Monitoring::GetActiveWorkers() const {
-    boost::shared_lock<boost::shared_mutex> lock(workersMutex_);
+    Moreld::Tools::ReaderLock lock(workersMutex_);
     std::vector<std::pair<long, long>> workers;
     workers.reserve(workers_.size());
-    // The track id is only written under the exclusive lock: no worker mutex.
     for (const auto& [id, worker] : workers_) {
+        Moreld::Tools::MutexLock data(worker.mutex);
         workers.emplace_back(id, worker.data.GetInfo().trackId);
     }
     return workers;
 }
 
 std::size_t Monitoring::GetNumberWorkers(long trackId) const {
-    boost::shared_lock<boost::shared_mutex> lock(workersMutex_);
+    Moreld::Tools::ReaderLock lock(workersMutex_);
     std::size_t count = 0;
     for (const auto& [id, worker] : workers_) {
+        Moreld::Tools::MutexLock data(worker.mutex);
         if (worker.data.GetInfo().trackId == trackId) {
             ++count;
         }
@@ -118,8 +122,8 @@ std::size_t Monitoring::GetNumberWorkers(long trackId) const {
     return count;
 }
 
-std::mutex& Monitoring::GetMutex(long trackId) {
-    std::lock_guard<std::mutex> lock(trackMutexesMutex_);
+Moreld::Tools::Mutex& Monitoring::GetMutex(long trackId) {
+    Moreld::Tools::MutexLock lock(trackMutexesMutex_);
     // std::map never moves its elements: the reference outlives the lock.
     return trackMutexes_[trackId];
 }

@@ -6,11 +6,12 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "Platform/Tools/Mutex.h"
+#include "Platform/Tools/SharedMutex.h"
 #include "Storage/Server/WorkerType.h"
 
 // Keeps the list of active workers (track writers and readers), the bytes
@@ -25,8 +26,9 @@
 // is guarded by a reader/writer lock: Add and Remove take it exclusively, the
 // others shared. Each worker also has a small mutex of its own, so that its
 // samples can be read (GetWorkerInfo) while it logs; it is taken after the
-// map lock and nothing is taken under it. The per-track mutexes are never
-// taken here: GetMutex only hands them out, under a mutex of its own.
+// map lock and nothing is taken under it (Add, under the exclusive map lock,
+// takes it too: uncontended there, and the data then has one guard). The per-track mutexes are
+// never taken here: GetMutex only hands them out, under a mutex of its own.
 class Monitoring {
   public:
     // Nanoseconds of a monotonic clock; must be safe to call from any thread.
@@ -119,21 +121,22 @@ class Monitoring {
 
     // The track's mutex, created on first request. The reference stays
     // valid for the life of this object.
-    std::mutex& GetMutex(long trackId);
+    Moreld::Tools::Mutex& GetMutex(long trackId);
 
   private:
     // A map entry: the data and the mutex that lets Log and GetWorkerInfo
-    // meet on it under the shared map lock.
+    // meet on it under the shared map lock. Taken after workersMutex_.
     struct Worker {
         explicit Worker(std::int64_t now) : data(now) {}
 
-        mutable std::mutex mutex;
-        WorkerData data;  // guarded by mutex, or by the exclusive map lock
+        mutable Moreld::Tools::Mutex mutex;
+        WorkerData data GUARDED_BY(mutex);
     };
 
     const Clock clock_;
-    mutable boost::shared_mutex workersMutex_;
-    std::map<long, Worker> workers_;  // guarded by workersMutex_
-    std::mutex trackMutexesMutex_;
-    std::map<long, std::mutex> trackMutexes_;  // guarded by trackMutexesMutex_; never shrinks
+    mutable Moreld::Tools::BasicSharedMutex<boost::shared_mutex> workersMutex_;
+    std::map<long, Worker> workers_ GUARDED_BY(workersMutex_);
+    Moreld::Tools::Mutex trackMutexesMutex_;
+    std::map<long, Moreld::Tools::Mutex> trackMutexes_
+        GUARDED_BY(trackMutexesMutex_);  // never shrinks
 };

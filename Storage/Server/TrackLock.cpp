@@ -1,17 +1,18 @@
 #include "Storage/Server/TrackLock.h"
 
-#include <mutex>
 #include <set>
 #include <stdexcept>
 #include <string>
 
 #include "Platform/Services/StorageErrors.h"
+#include "Platform/Tools/Mutex.h"
+#include "Platform/Tools/MutexLock.h"
 
 namespace {
 
 struct HeldTracks {
-    std::mutex mutex;
-    std::set<long> ids;  // guarded by mutex
+    Moreld::Tools::Mutex mutex;
+    std::set<long> ids GUARDED_BY(mutex);
 };
 
 // Never destroyed: a writer may still be released during static destruction.
@@ -24,7 +25,7 @@ HeldTracks& Held() {
 
 TrackLock::TrackLock(long trackId) : trackId_(trackId) {
     HeldTracks& held = Held();
-    std::lock_guard<std::mutex> lock(held.mutex);
+    Moreld::Tools::MutexLock lock(held.mutex);
     if (!held.ids.insert(trackId).second) {
         throw MoreldStorageApi::StoreBusyError("Track " + std::to_string(trackId) +
                                                " is already being written to");
@@ -33,6 +34,6 @@ TrackLock::TrackLock(long trackId) : trackId_(trackId) {
 
 TrackLock::~TrackLock() {
     HeldTracks& held = Held();
-    std::lock_guard<std::mutex> lock(held.mutex);
+    Moreld::Tools::MutexLock lock(held.mutex);
     held.ids.erase(trackId_);
 }

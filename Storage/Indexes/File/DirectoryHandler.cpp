@@ -8,6 +8,7 @@
 #include "Platform/File/Env.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Tools/DirectoryParser.h"
+#include "Platform/Tools/MutexLock.h"
 
 namespace fs = std::filesystem;
 
@@ -52,13 +53,13 @@ DirectoryHandler::DirectoryHandler(const std::string& root)
 }
 
 bool DirectoryHandler::Exist(long id) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     return ids_.count(id) != 0;
 }
 
 std::string DirectoryHandler::GetPath(long id) const {
     if (!Exist(id)) {
-        std::lock_guard<std::mutex> lock(mutex_);
+        Moreld::Tools::MutexLock lock(mutex_);
         MR_LOG(logger_, 50,
                "Directory " << id << " doesn't exist. Root directory is " << root_
                             << " and available sub-directories are: " << KnownIdsText());
@@ -67,7 +68,7 @@ std::string DirectoryHandler::GetPath(long id) const {
 }
 
 bool DirectoryHandler::Create(long id) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     if (ids_.count(id) != 0) {
         MR_LOG(logger_, 40, "Directory " << root_ << "/" << id << " already exists");
         return false;
@@ -85,7 +86,7 @@ bool DirectoryHandler::Create(long id) {
 }
 
 long DirectoryHandler::Create() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     const long id = ids_.empty() ? 1 : *ids_.rbegin() + 1;
     const std::string path = JoinPath(id);
     if (CreateDurably(path, root_)) {
@@ -110,17 +111,17 @@ void DirectoryHandler::Delete(long id) {
     MR_LOG(logger_, 30, "Removed directory " << path);
     // Readers of the set run on other threads (writer and reader factories)
     // while a track is deleted.
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     ids_.erase(id);
 }
 
 std::set<long> DirectoryHandler::GetIds() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     return ids_;
 }
 
 void DirectoryHandler::ParseDirectory(const std::string& root) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     Moreld::Tools::DirectoryParser parser(root);
     std::string entry;
     while (parser.Next(entry)) {

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <mutex>
 #include <set>
 #include <string>
 
 #include "Platform/Logging/Logger.h"
+#include "Platform/Tools/Mutex.h"
 
 // Owns the tracks root directory and its numbered sub-directories, one per
 // track: track 7 lives in root/7 (decimal, no leading zeros). Finds the
@@ -73,14 +73,14 @@ class DirectoryHandler {
   private:
     // root/id, joined without a doubled separator.
     std::string JoinPath(long id) const;
-    // "<id> <id> ... " in ascending order; mutex_ held.
-    std::string KnownIdsText() const;
+    // "<id> <id> ... " in ascending order.
+    std::string KnownIdsText() const REQUIRES(mutex_);
     // Adds the number that leads the directory name of `entry` to ids_, or
-    // logs a name without one; mutex_ held.
-    void AddScannedDirectory(const std::string& entry, const std::string& root);
+    // logs a name without one.
+    void AddScannedDirectory(const std::string& entry, const std::string& root) REQUIRES(mutex_);
 
     tav::mr::logging::Logger logger_;
     std::string root_;
-    mutable std::mutex mutex_;
-    std::set<long> ids_;  // guarded by mutex_
+    mutable Moreld::Tools::Mutex mutex_;
+    std::set<long> ids_ GUARDED_BY(mutex_);
 };

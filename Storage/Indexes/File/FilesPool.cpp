@@ -13,6 +13,7 @@
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Services/StorageErrors.h"
 #include "Platform/Tools/DirectoryParser.h"
+#include "Platform/Tools/MutexLock.h"
 #include "Platform/Tools/PrintIntegers.h"
 #include "Platform/Tools/SyncPoint.h"
 #include "Storage/Indexes/File/ExtendedAttributeNames.h"
@@ -42,7 +43,7 @@ FilesPool::FilesPool()
 FilesPool::~FilesPool() = default;
 
 std::vector<ChunkFile> FilesPool::OpenDatabase(const std::string& directory) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     // A database that failed to open is still treated as open: every later
     // statement then fails loudly in the SQLite wrapper instead of silently
     // doing nothing.
@@ -161,7 +162,7 @@ void FilesPool::RecoverMovedFile(const ChunkFile& file) {
 }
 
 void FilesPool::LinkToDirectory(const std::string& poolDirectory) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     if (!dbOpen_) {
         Refuse("Cannot link to directory " + poolDirectory + ": open database first");
     }
@@ -234,7 +235,7 @@ FilesPool::FileSet FilesPool::ScanPoolDirectory(const std::string& poolDirectory
 }
 
 void FilesPool::SetTrackDirectory(const std::string& tracksRoot) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     if (!dbOpen_) {
         Refuse("Cannot set track directories " + tracksRoot + ": open database first");
     }
@@ -254,7 +255,7 @@ unsigned long FilesPool::MoveFiles(long trackId, unsigned long size, std::vector
                                    unsigned long waitMs) {
     // Held from the first check on, so that nothing changes between the
     // checks and the move.
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     if (files_.empty()) {
         RefuseForRoom("FilesPool: There is no file available to move on " + poolDirectory_);
     }
@@ -392,7 +393,7 @@ unsigned long FilesPool::RenameToTrack(const std::vector<ChunkFile>& moved, unsi
 }
 
 void FilesPool::RestoreFiles(const std::vector<ChunkFile>& files, unsigned long waitMs) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     if (files.empty()) {
         MR_LOG(logger_, 20, "No files specified when RestoreFiles");
         return;
@@ -486,7 +487,7 @@ void FilesPool::Wait(unsigned long waitMs) {
 }
 
 std::vector<ChunkFile> FilesPool::GetMovedFiles(long trackId) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     std::vector<ChunkFile> lent;
     for (const ChunkFile& file : files_) {
         if (file.GetDirectoryNumber() == trackId) {
@@ -497,12 +498,12 @@ std::vector<ChunkFile> FilesPool::GetMovedFiles(long trackId) const {
 }
 
 std::vector<ChunkFile> FilesPool::GetFiles() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     return std::vector<ChunkFile>(files_.begin(), files_.end());
 }
 
 bool FilesPool::IsStateCoherent() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     for (const ChunkFile& file : files_) {
         const bool inPool = file.GetDirectoryNumber() == 0;
         const std::string path = inPool ? file.GetAbsoluteFileName(poolDirectory_, true)
@@ -519,7 +520,7 @@ bool FilesPool::IsStateCoherent() const {
 }
 
 void FilesPool::CloseMoveFilesTransaction() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     db_.CloseMoveTransaction();
 }
 
@@ -538,11 +539,11 @@ void FilesPool::RefuseForRoom(const std::string& message) const {
 }
 
 bool FilesPool::IsLinked() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     return !poolDirectory_.empty();
 }
 
 std::string FilesPool::GetTrackDirectory() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     return tracksRoot_;
 }

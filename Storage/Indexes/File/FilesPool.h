@@ -2,12 +2,12 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "Platform/Logging/Logger.h"
+#include "Platform/Tools/Mutex.h"
 #include "Storage/Indexes/File/ChunkFile.h"
 #include "Storage/Indexes/SQLite/PoolDB.h"
 
@@ -118,14 +118,14 @@ class FilesPool {
   private:
     using FileSet = std::set<ChunkFile>;
 
-    // OpenDatabase steps.
-    void LoadFiles();
-    void RecoverInterruptedFiles(const std::vector<ChunkFile>& files);
-    void RecoverRestoredFile(const ChunkFile& file);
-    void RecoverMovedFile(const ChunkFile& file);
+    // OpenDatabase steps; like every step below, with mutex_ held.
+    void LoadFiles() REQUIRES(mutex_);
+    void RecoverInterruptedFiles(const std::vector<ChunkFile>& files) REQUIRES(mutex_);
+    void RecoverRestoredFile(const ChunkFile& file) REQUIRES(mutex_);
+    void RecoverMovedFile(const ChunkFile& file) REQUIRES(mutex_);
     // Syncs the pool directory and the directories of `tracks`. Throws
     // std::runtime_error (logged) on failure.
-    void SyncDirectories(const std::set<long>& tracks) const;
+    void SyncDirectories(const std::set<long>& tracks) const REQUIRES(mutex_);
     void SyncDirectory(const std::string& directory) const;
 
     // LinkToDirectory step: the numbered files of `poolDirectory`; sets
@@ -133,24 +133,26 @@ class FilesPool {
     FileSet ScanPoolDirectory(const std::string& poolDirectory, uint64_t& fileSize) const;
 
     // MoveFiles steps. CheckMoveRequest returns the destination directory.
-    std::string CheckMoveRequest(long trackId) const;
-    void CheckFreeSpace(unsigned long size) const;
+    std::string CheckMoveRequest(long trackId) const REQUIRES(mutex_);
+    void CheckFreeSpace(unsigned long size) const REQUIRES(mutex_);
     // Picks free files round robin from `cursor`, which it advances, until
     // `size` bytes or a full turn, passing over files of the wrong size on
     // disk; returns their total size. Changes nothing.
     unsigned long SelectFiles(unsigned long size, std::vector<FileSet::iterator>& selected,
-                              FileSet::iterator& cursor) const;
+                              FileSet::iterator& cursor) const REQUIRES(mutex_);
     // False when the free `file` is on disk with another size than the pool's.
-    bool HasPoolFileSize(const ChunkFile& file) const;
+    bool HasPoolFileSize(const ChunkFile& file) const REQUIRES(mutex_);
     // Returns the number of files handled (renamed or not) before the end or
     // a stop.
-    unsigned long RenameToTrack(const std::vector<ChunkFile>& moved, unsigned long waitMs);
+    unsigned long RenameToTrack(const std::vector<ChunkFile>& moved, unsigned long waitMs)
+        REQUIRES(mutex_);
 
     // RestoreFiles steps. FindLentFiles returns the files of `files` that are
     // lent to the track they name, with their entries; logs the others.
     std::vector<ChunkFile> FindLentFiles(const std::vector<ChunkFile>& files,
-                                         std::vector<FileSet::iterator>& entries);
-    unsigned long RenameToPool(const std::vector<ChunkFile>& files, unsigned long waitMs);
+                                         std::vector<FileSet::iterator>& entries) REQUIRES(mutex_);
+    unsigned long RenameToPool(const std::vector<ChunkFile>& files, unsigned long waitMs)
+        REQUIRES(mutex_);
 
     // True (logged) when the stop count is reached after `handled` of
     // `total` files.
@@ -163,16 +165,16 @@ class FilesPool {
     // The same for a pool short of files (MoreldStorageApi::OutOfSpaceError).
     [[noreturn]] void RefuseForRoom(const std::string& message) const;
 
-    mutable std::mutex mutex_;
-    PoolDB db_;                  // guarded by mutex_
-    bool dbOpen_ = false;        // guarded by mutex_
-    std::string poolDirectory_;  // guarded by mutex_
-    std::string tracksRoot_;     // guarded by mutex_
-    FileSet files_;              // guarded by mutex_
+    mutable Moreld::Tools::Mutex mutex_;
+    PoolDB db_ GUARDED_BY(mutex_);
+    bool dbOpen_ GUARDED_BY(mutex_) = false;
+    std::string poolDirectory_ GUARDED_BY(mutex_);
+    std::string tracksRoot_ GUARDED_BY(mutex_);
+    FileSet files_ GUARDED_BY(mutex_);
     // Where the next search for free files starts; end() only while empty.
     // The set never changes shape once filled, so it stays valid.
-    FileSet::iterator cursor_;  // guarded by mutex_
-    uint64_t fileSize_ = 0;     // guarded by mutex_
+    FileSet::iterator cursor_ GUARDED_BY(mutex_);
+    uint64_t fileSize_ GUARDED_BY(mutex_) = 0;
 
     std::atomic<uint64_t> nbMovedFiles_{0};
     std::atomic<uint64_t> remainingSpace_{0};

@@ -9,6 +9,7 @@
 #include "Platform/File/Env.h"
 #include "Platform/File/ExtendedAttributes.h"
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/MutexLock.h"
 #include "Storage/Indexes/File/ExtendedAttributeNames.h"
 
 using Moreld::File::ExtendedAttributes;
@@ -38,15 +39,15 @@ void MovingThread::Stop() {
 
 void MovingThread::Push(MovedData request) {
     {
-        std::lock_guard<std::mutex> lock(pendingMutex_);
+        Moreld::Tools::MutexLock lock(pendingMutex_);
         ++pending_;
     }
     queue_.Push(std::move(request));
 }
 
 void MovingThread::WaitUntilDone() {
-    std::unique_lock<std::mutex> lock(pendingMutex_);
-    allHandled_.wait(lock, [this] { return pending_ == 0; });
+    Moreld::Tools::MutexLock lock(pendingMutex_);
+    allHandled_.wait(lock, [this]() REQUIRES(pendingMutex_) { return pending_ == 0; });
 }
 
 void MovingThread::Run() {
@@ -142,7 +143,7 @@ bool MovingThread::ResolveDestination(const MovedData& request, const std::strin
 }
 
 void MovingThread::MarkHandled() {
-    std::lock_guard<std::mutex> lock(pendingMutex_);
+    Moreld::Tools::MutexLock lock(pendingMutex_);
     if (--pending_ == 0) {
         allHandled_.notify_all();
     }

@@ -3,11 +3,11 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <thread>
 
 #include "Platform/Logging/Logger.h"
+#include "Platform/Tools/Mutex.h"
 #include "Platform/Tools/SharedMessageQueue.h"
 #include "Storage/Indexes/File/MovedData.h"
 
@@ -74,9 +74,9 @@ class MovingThread {
     std::thread worker_;
     std::atomic<bool> stopRequested_{false};
 
-    std::mutex pendingMutex_;
-    std::condition_variable allHandled_;
-    uint64_t pending_ = 0;  // guarded by pendingMutex_: pushed, not yet handled
+    Moreld::Tools::Mutex pendingMutex_;
+    std::condition_variable_any allHandled_;
+    uint64_t pending_ GUARDED_BY(pendingMutex_) = 0;  // pushed, not yet handled
 
     std::atomic<uint64_t> moved_{0};
     std::atomic<uint64_t> failed_{0};

@@ -3,24 +3,26 @@
 #include <algorithm>
 #include <limits>
 
+#include "Platform/Tools/MutexLock.h"
+
 void CacheBudget::SetLimit(uint64_t bytes) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     limit_ = bytes;
     changed_.notify_all();
 }
 
 uint64_t CacheBudget::GetLimit() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     return limit_;
 }
 
 CacheBudget::Usage CacheBudget::GetUsage() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     return Usage{used_, peak_, limit_, dropped_};
 }
 
 bool CacheBudget::TryCharge(uint64_t size) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     if (!Fits(size))
         return false;
     used_ += size;
@@ -29,7 +31,7 @@ bool CacheBudget::TryCharge(uint64_t size) {
 }
 
 void CacheBudget::Release(const Member* member, TimePoint t, uint64_t size) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     auto it = order_.find({member, t});
     if (it != order_.end()) {
         candidates_.erase(it->second);
@@ -40,13 +42,13 @@ void CacheBudget::Release(const Member* member, TimePoint t, uint64_t size) {
 }
 
 void CacheBudget::Return(uint64_t size) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     used_ -= size;
     changed_.notify_all();
 }
 
 void CacheBudget::MarkHandled(Member* member, TimePoint t) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     auto [it, added] = order_.try_emplace({member, t}, nextOrder_);
     if (!added)
         return;  // handled twice: keeps its first place
@@ -55,7 +57,7 @@ void CacheBudget::MarkHandled(Member* member, TimePoint t) {
 }
 
 void CacheBudget::Forget(const Member* member) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     for (auto it = order_.lower_bound(
              {member, TimePoint::FromNanoseconds(std::numeric_limits<int64_t>::min())});
          it != order_.end() && it->first.first == member;) {
@@ -77,7 +79,7 @@ bool CacheBudget::Reclaim(uint64_t size) {
     for (;;) {
         Candidate oldest{};
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            Moreld::Tools::MutexLock lock(mutex_);
             if (Fits(size))
                 return true;
             if (!TakeOldest(oldest))
@@ -86,13 +88,13 @@ bool CacheBudget::Reclaim(uint64_t size) {
         // No budget lock here: the member takes its own cache lock, and
         // gives the bytes back through Release.
         if (oldest.member->DropHandled(oldest.t)) {
-            std::lock_guard<std::mutex> lock(mutex_);
+            Moreld::Tools::MutexLock lock(mutex_);
             ++dropped_;
         }
     }
 }
 
 void CacheBudget::AwaitRoom(uint64_t size) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [&] { return Fits(size) || !candidates_.empty(); });
+    Moreld::Tools::MutexLock lock(mutex_);
+    changed_.wait(lock, [&]() REQUIRES(mutex_) { return Fits(size) || !candidates_.empty(); });
 }

@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <limits>
 #include <map>
-#include <mutex>
 #include <utility>
 
 #include "Platform/Time/TimePoint.h"
+#include "Platform/Tools/Mutex.h"
 
 // The memory that the chunk caches of every track share. Each cache charges
 // a chunk's bytes here before it keeps the chunk, and gives them back when the
@@ -84,20 +84,22 @@ class CacheBudget {
         Member* member;
         TimePoint t;
     };
-    bool Fits(uint64_t size) const { return limit_ == 0 || used_ + size <= limit_; }
+    bool Fits(uint64_t size) const REQUIRES(mutex_) {
+        return limit_ == 0 || used_ + size <= limit_;
+    }
     // Takes the oldest candidate out; false when there is none.
-    bool TakeOldest(Candidate& oldest);
+    bool TakeOldest(Candidate& oldest) REQUIRES(mutex_);
 
     // Taken after any cache lock, never before one.
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;  // room made or a chunk handled
-    uint64_t limit_ = 0;               // guarded by mutex_
-    uint64_t used_ = 0;                // guarded by mutex_
-    uint64_t peak_ = 0;                // guarded by mutex_
-    uint64_t dropped_ = 0;             // guarded by mutex_
-    uint64_t nextOrder_ = 0;           // guarded by mutex_
+    mutable Moreld::Tools::Mutex mutex_;
+    std::condition_variable_any changed_;  // room made or a chunk handled
+    uint64_t limit_ GUARDED_BY(mutex_) = 0;
+    uint64_t used_ GUARDED_BY(mutex_) = 0;
+    uint64_t peak_ GUARDED_BY(mutex_) = 0;
+    uint64_t dropped_ GUARDED_BY(mutex_) = 0;
+    uint64_t nextOrder_ GUARDED_BY(mutex_) = 0;
     // Handled chunks by the order they were handled in, and the way back
-    // from a chunk to its place there. Both guarded by mutex_.
-    std::map<uint64_t, Candidate> candidates_;
-    std::map<std::pair<const Member*, TimePoint>, uint64_t> order_;
+    // from a chunk to its place there.
+    std::map<uint64_t, Candidate> candidates_ GUARDED_BY(mutex_);
+    std::map<std::pair<const Member*, TimePoint>, uint64_t> order_ GUARDED_BY(mutex_);
 };

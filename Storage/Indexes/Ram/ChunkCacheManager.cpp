@@ -1,5 +1,7 @@
 #include "Storage/Indexes/Ram/ChunkCacheManager.h"
 
+#include "Platform/Tools/MutexLock.h"
+
 ChunkCacheManager::~ChunkCacheManager() = default;
 
 namespace {
@@ -12,7 +14,7 @@ int32_t CacheKey(long trackId) {
 }  // namespace
 
 ThreadedChunkCache* ChunkCacheManager::GetChunkCache(long trackId) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     std::unique_ptr<ThreadedChunkCache>& cache = caches_[CacheKey(trackId)];
     if (!cache) {
         cache = std::make_unique<ThreadedChunkCache>();
@@ -23,7 +25,7 @@ ThreadedChunkCache* ChunkCacheManager::GetChunkCache(long trackId) {
 }
 
 ThreadedChunkCache* ChunkCacheManager::FindChunkCache(long trackId) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     auto it = caches_.find(CacheKey(trackId));
     return it == caches_.end() ? nullptr : it->second.get();
 }

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 
+#include "Platform/Tools/Mutex.h"
 #include "Storage/Indexes/Ram/CacheBudget.h"
 #include "Storage/Indexes/Ram/ThreadedChunkCache.h"
 
@@ -42,6 +42,6 @@ class ChunkCacheManager {
     // bytes.
     CacheBudget budget_;
     const std::shared_ptr<PayloadPool> payloadPool_ = std::make_shared<PayloadPool>();
-    std::map<int32_t, std::unique_ptr<ThreadedChunkCache>> caches_;  // guarded by mutex_
-    std::mutex mutex_;
+    std::map<int32_t, std::unique_ptr<ThreadedChunkCache>> caches_ GUARDED_BY(mutex_);
+    Moreld::Tools::Mutex mutex_;
 };

@@ -5,6 +5,7 @@
 
 #include "Platform/File/ChunkFileHeader.h"
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/MutexLock.h"
 #include "Platform/Tools/StrCat.h"
 #include "Platform/Tools/SyncPoint.h"
 #include "Storage/Indexes/Ram/BlockNavigation.h"
@@ -33,9 +34,13 @@ ChunkPlacer LoopRecordingFileManager::Placer() {
     return ChunkPlacer(blocks_, counters_, trackId_, logger_);
 }
 
+void LoopRecordingFileManager::CheckAfterEndOfTrack(const TimePoint& tp) {
+    Placer().CheckAfterEndOfTrack(tp);
+}
+
 FileSystem::Chunk LoopRecordingFileManager::Append(const TimePoint& tp, const TimePoint& duration,
                                                    unsigned long size) {
-    Placer().CheckAfterEndOfTrack(tp);
+    CheckAfterEndOfTrack(tp);
     {
         // The common case: one map insertion under one lock. Every operation
         // that erases blocks holds indexMutex_ exclusively too.
@@ -81,7 +86,7 @@ void LoopRecordingFileManager::ForgetRecycledFile(const ChunkFile& file) {
     // that happens before its new chunks are saved. The track database's
     // commits are durable, and this one must be before the file's first new
     // record is written, as those may reach the disk at any moment.
-    std::lock_guard<std::mutex> db(dbMutex_);
+    Moreld::Tools::MutexLock db(dbMutex_);
     trackDb_.RemoveAndAddAsEmptyFile(file);
     LOOPSTORE_SYNC_POINT("LoopRecordingFileManager::ForgetRecycledFile:Committed");
 }
@@ -154,7 +159,9 @@ bool LoopRecordingFileManager::IsBeingWritten(const ChunkFile& file) const {
 }
 
 TrackFileBook::Keep LoopRecordingFileManager::KeepFileBeingWritten() const {
-    return [this](const ChunkFile& file) { return IsBeingWritten(file); };
+    // The book calls it on this thread, under the locks its caller holds.
+    return [this](const ChunkFile& file)
+               REQUIRES_SHARED(indexMutex_) { return IsBeingWritten(file); };
 }
 
 void LoopRecordingFileManager::CountFreed(const TrackFileBook::Freed& freed) {
@@ -272,7 +279,7 @@ bool LoopRecordingFileManager::HasFile(const ChunkFile& file) {
     {
         // The database, not the RAM queue, is asked: a file handed to the
         // track counts once it is recorded there.
-        std::lock_guard<std::mutex> db(dbMutex_);
+        Moreld::Tools::MutexLock db(dbMutex_);
         empties = trackDb_.GetAllEmptyFiles();
     }
     if (std::find(empties.begin(), empties.end(), file) != empties.end())

@@ -5,15 +5,17 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
 #include "Platform/Logging/Logger.h"
 #include "Platform/Time/TimePoint.h"
+#include "Platform/Tools/Mutex.h"
+#include "Platform/Tools/ReaderLock.h"
+#include "Platform/Tools/SharedMutex.h"
+#include "Platform/Tools/WriterLock.h"
 #include "Storage/Indexes/File/ChunkFile.h"
 #include "Storage/Indexes/Ram/Block.h"
 #include "Storage/Indexes/Ram/ChunkPlacer.h"
@@ -79,8 +81,8 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
                                     const TimePoint& duration, unsigned long size);
     // Adds a block read back from the database (taken by value: a caller that
     // is done with its block moves it in). The caller holds what it needs.
-    bool IndexBlock(FileSystem::Block block);
-    void AdaptBeginningOfTrack();
+    bool IndexBlock(FileSystem::Block block) REQUIRES(filesMutex_, indexMutex_);
+    void AdaptBeginningOfTrack() REQUIRES_SHARED(filesMutex_);
 
     // --- Lookup and navigation (any thread) ---
     ChunkHandle Lookup(TimePoint tp) override;
@@ -181,55 +183,67 @@ class LoopRecordingFileManager : public IProtectionManager, public IFileSystemMa
     friend class TrackIndexRecovery;
     friend class TrackAgePurge;
 
-    using SharedLock = std::shared_lock<std::shared_mutex>;
-    using UniqueLock = std::unique_lock<std::shared_mutex>;
+    using SharedLock = Moreld::Tools::ReaderLock<>;
+    using UniqueLock = Moreld::Tools::WriterLock<>;
 
-    ChunkPlacer Placer();
-    TrackFileBook Book();
+    ChunkPlacer Placer() REQUIRES(indexMutex_);
+    // Append checks the end of the track before it takes any lock: the
+    // placer then reads only the atomic end of track, never the blocks it is
+    // handed, hence the exemption of this one function.
+    void CheckAfterEndOfTrack(const TimePoint& tp) NO_THREAD_SAFETY_ANALYSIS;
+    // The book reads blocks_ with filesMutex_ alone held when it chooses a
+    // file (only the appending thread adds blocks, and every operation that
+    // erases one holds filesMutex_ too, so the map keeps its shape
+    // meanwhile); it changes blocks only under indexMutex_ as well. The
+    // analysis knows one guard per member, hence the exemption of the body.
+    TrackFileBook Book() REQUIRES(filesMutex_) NO_THREAD_SAFETY_ANALYSIS;
     FileSystem::Chunk AppendInNewBlock(const TimePoint& tp, const TimePoint& duration,
                                        unsigned long size);
     // With filesMutex_ and indexMutex_ held exclusively, `file` taken out of
     // the empty files or out of its recycled block.
     FileSystem::Chunk AppendFirstInBlockLocked(const ChunkFile& file, const TimePoint& tp,
                                                const TimePoint& duration, unsigned long size,
-                                               bool trackStarts);
+                                               bool trackStarts) REQUIRES(filesMutex_, indexMutex_);
     void ForgetRecycledFile(const ChunkFile& file);
     FileSystem::Chunk AppendInBlockLocked(FileSystem::Block& block, const TimePoint& tp,
-                                          const TimePoint& duration, unsigned long size);
+                                          const TimePoint& duration, unsigned long size)
+        REQUIRES(indexMutex_);
     void CountFreed(const TrackFileBook::Freed& freed);
     void NoteFileSize(const ChunkFile& file);
-    void NotePlaced(const ChunkFile& file);
-    bool IsBeingWritten(const ChunkFile& file) const;
-    TrackFileBook::Keep KeepFileBeingWritten() const;
+    void NotePlaced(const ChunkFile& file) REQUIRES(indexMutex_);
+    bool IsBeingWritten(const ChunkFile& file) const REQUIRES_SHARED(indexMutex_);
+    // For the book, which calls it with indexMutex_ held.
+    TrackFileBook::Keep KeepFileBeingWritten() const REQUIRES_SHARED(indexMutex_);
     std::vector<FileSystem::Chunk> StillIndexed(const std::vector<FileSystem::Chunk>& chunks) const;
     void CheckFactory() const;
     // Null for no chunk; else sets `found` (when given) to its time point.
     ChunkHandle MakeHandle(const std::optional<FileSystem::Chunk>& chunk, TimePoint* found) const;
     size_t ProtectRange(long id, const TimePoint& in, const TimePoint& out, bool mayHoldNothing);
     // Has the protections whose range the newest block lies in hold it.
-    // With filesMutex_ and indexMutex_ held exclusively.
-    void HoldNewestBlockLocked();
+    void HoldNewestBlockLocked() REQUIRES(filesMutex_, indexMutex_);
 
     const long trackId_;
     tav::mr::logging::Logger logger_;
 
-    mutable std::shared_mutex filesMutex_;
-    std::deque<ChunkFile> emptyFiles_;                    // guarded by filesMutex_
-    std::set<TimePoint> recyclableKeys_;                  // guarded by filesMutex_
-    ProtectionTable protections_;                         // guarded by filesMutex_
-    std::set<IProtectionObserver*> protectionObservers_;  // guarded by filesMutex_
-    bool loopRecording_ = true;                           // guarded by filesMutex_
+    mutable Moreld::Tools::SharedMutex filesMutex_ ACQUIRED_BEFORE(indexMutex_, dbMutex_);
+    std::deque<ChunkFile> emptyFiles_ GUARDED_BY(filesMutex_);
+    std::set<TimePoint> recyclableKeys_ GUARDED_BY(filesMutex_);
+    ProtectionTable protections_ GUARDED_BY(filesMutex_);
+    std::set<IProtectionObserver*> protectionObservers_ GUARDED_BY(filesMutex_);
+    bool loopRecording_ GUARDED_BY(filesMutex_) = true;
 
-    mutable std::shared_mutex indexMutex_;
-    std::map<TimePoint, FileSystem::Block> blocks_;  // guarded by indexMutex_
-    bool writing_ = false;                           // guarded by indexMutex_
-    std::optional<ChunkFile> fileBeingWritten_;      // guarded by indexMutex_
+    mutable Moreld::Tools::SharedMutex indexMutex_ ACQUIRED_BEFORE(dbMutex_);
+    std::map<TimePoint, FileSystem::Block> blocks_ GUARDED_BY(indexMutex_);
+    bool writing_ GUARDED_BY(indexMutex_) = false;
+    std::optional<ChunkFile> fileBeingWritten_ GUARDED_BY(indexMutex_);
 
-    std::mutex dbMutex_;
-    TrackDB trackDb_;  // guarded by dbMutex_
+    Moreld::Tools::Mutex dbMutex_;
+    TrackDB trackDb_ GUARDED_BY(dbMutex_);
 
     // Written by the appending thread (or under the locks above), read
-    // anywhere; its chunk counter is guarded by indexMutex_.
+    // anywhere; its chunk counter is guarded by indexMutex_ (a field of a
+    // struct, which the analysis cannot name: the placer, built only under
+    // indexMutex_, is what writes it).
     TrackCounters counters_;
     std::atomic<TimePoint> maxAge_{TimePoint()};  // written under dbMutex_
     TrackActivity activity_;

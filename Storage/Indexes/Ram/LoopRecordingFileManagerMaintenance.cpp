@@ -2,11 +2,10 @@
 // taken back, clearing, protections, persistence). The class's contract and
 // its locks are described in its header.
 #include <algorithm>
-#include <mutex>
-#include <shared_mutex>
 #include <stdexcept>
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/MutexLock.h"
 #include "Platform/Tools/StrCat.h"
 #include "Platform/Tools/SyncPoint.h"
 #include "Storage/Indexes/Ram/BlockNavigation.h"
@@ -23,7 +22,7 @@ using Moreld::Tools::StrCat;
 void LoopRecordingFileManager::InsertFiles(const std::vector<ChunkFile>& files) {
     UniqueLock lock(filesMutex_);
     {
-        std::lock_guard<std::mutex> db(dbMutex_);
+        Moreld::Tools::MutexLock db(dbMutex_);
         trackDb_.AddEmptyFiles(files);
     }
     for (const ChunkFile& file : files)
@@ -62,7 +61,7 @@ bool LoopRecordingFileManager::ForceRemoveFiles(const std::vector<ChunkFile>& fi
     for (const ChunkFile& file : files) {
         TrackFileBook::Freed freed;
         if (Book().RemoveEmptyFile(file, freed)) {
-            std::lock_guard<std::mutex> db(dbMutex_);
+            Moreld::Tools::MutexLock db(dbMutex_);
             trackDb_.RemoveEmptyFile(file);
         } else if (!Book().RemoveBlockOfFile(file, freed)) {
             MR_LOG(logger_, 40,
@@ -83,7 +82,7 @@ void LoopRecordingFileManager::Clear() {
     const std::vector<ChunkFile> cleared = Book().EmptyRecyclableBlocks(freed);
     CountFreed(freed);
     {
-        std::lock_guard<std::mutex> db(dbMutex_);
+        Moreld::Tools::MutexLock db(dbMutex_);
         trackDb_.Clear(cleared);
     }
     AdaptBeginningOfTrack();
@@ -115,8 +114,8 @@ size_t LoopRecordingFileManager::RestoreProtection(long id, const TimePoint& in,
 size_t LoopRecordingFileManager::ProtectRange(long id, const TimePoint& in, const TimePoint& out,
                                               bool mayHoldNothing) {
     const auto key = static_cast<unsigned long>(id);
-    protections_.CheckRequest(key, in, out);
     UniqueLock lock(filesMutex_);
+    protections_.CheckRequest(key, in, out);
     std::vector<ChunkFile> files;
     {
         UniqueLock index(indexMutex_);
@@ -170,7 +169,7 @@ void LoopRecordingFileManager::UnregisterProtectionObserver(IProtectionObserver*
 
 void LoopRecordingFileManager::OpenDatabase(const std::string& directory) {
     TrackIndexRecovery(*this).OpenDatabase(directory);
-    std::lock_guard<std::mutex> db(dbMutex_);
+    Moreld::Tools::MutexLock db(dbMutex_);
     maxAge_ = trackDb_.GetMaxAge();
 }
 
@@ -184,7 +183,7 @@ void LoopRecordingFileManager::SaveAndRemove(const std::vector<FileSystem::Chunk
     SharedLock files(filesMutex_);
     const std::vector<FileSystem::Chunk> indexed = StillIndexed(chunks);
     LOOPSTORE_SYNC_POINT("LoopRecordingFileManager::SaveAndRemove:Checked");
-    std::lock_guard<std::mutex> db(dbMutex_);
+    Moreld::Tools::MutexLock db(dbMutex_);
     trackDb_.SaveAndRemove(indexed);
 }
 
@@ -218,25 +217,25 @@ void LoopRecordingFileManager::EndWriting() {
 }
 
 void LoopRecordingFileManager::RemoveFiles(const std::vector<ChunkFile>& files) {
-    std::lock_guard<std::mutex> db(dbMutex_);
+    Moreld::Tools::MutexLock db(dbMutex_);
     trackDb_.RemoveFiles(files);
 }
 
 void LoopRecordingFileManager::DestroyDatabase() {
-    std::lock_guard<std::mutex> db(dbMutex_);
+    Moreld::Tools::MutexLock db(dbMutex_);
     trackDb_.Destroy();
 }
 
 void LoopRecordingFileManager::SetActiveMode(bool active) {
     UniqueLock files(filesMutex_);
-    std::lock_guard<std::mutex> db(dbMutex_);
+    Moreld::Tools::MutexLock db(dbMutex_);
     if (trackDb_.IsOpen())
         trackDb_.SetActiveMode(active);
 }
 
 bool LoopRecordingFileManager::IsActive() {
     UniqueLock files(filesMutex_);
-    std::lock_guard<std::mutex> db(dbMutex_);
+    Moreld::Tools::MutexLock db(dbMutex_);
     return trackDb_.IsOpen() && trackDb_.IsActive();
 }
 

@@ -1,6 +1,7 @@
 #include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/MutexLock.h"
 
 LoopRecordingFileManagers::LoopRecordingFileManagers(IChunkProtectionFactory& factory)
     : protectionFactory_(factory),
@@ -13,19 +14,19 @@ LoopRecordingFileManagers::~LoopRecordingFileManagers() {
 }
 
 void LoopRecordingFileManagers::SetDBTrackDirectory(const std::string& directory) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     dbTrackDirectory_ = directory;
     MR_LOG(logger_, 30, "Tracks database directory is " << directory);
 }
 
 void LoopRecordingFileManagers::SetTrackDirectory(const std::string& directory) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     trackDirectory_ = directory;
     MR_LOG(logger_, 30, "Track directories are under " << directory);
 }
 
 LoopRecordingFileManager* LoopRecordingFileManagers::GetManager(long id) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     auto it = managers_.find(id);
     if (it != managers_.end())
         return it->second.get();
@@ -42,12 +43,12 @@ LoopRecordingFileManager* LoopRecordingFileManagers::GetManager(long id) {
 }
 
 bool LoopRecordingFileManagers::Exists(long id) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     return managers_.count(id) != 0;
 }
 
 void LoopRecordingFileManagers::Destroy(long id) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     auto it = managers_.find(id);
     if (it == managers_.end())
         return;
@@ -56,7 +57,7 @@ void LoopRecordingFileManagers::Destroy(long id) {
 }
 
 std::vector<long> LoopRecordingFileManagers::GetTrackIds() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     std::vector<long> ids;
     ids.reserve(managers_.size());
     for (const auto& [id, manager] : managers_)

@@ -2,11 +2,11 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "Platform/Logging/Logger.h"
+#include "Platform/Tools/Mutex.h"
 #include "Storage/Indexes/Ram/IChunkProtectionFactory.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 
@@ -39,9 +39,9 @@ class LoopRecordingFileManagers {
 
   private:
     IChunkProtectionFactory& protectionFactory_;
-    mutable std::mutex mutex_;
-    std::map<long, std::unique_ptr<LoopRecordingFileManager>> managers_;  // guarded by mutex_
-    std::string dbTrackDirectory_;                                        // guarded by mutex_
-    std::string trackDirectory_;                                          // guarded by mutex_
+    mutable Moreld::Tools::Mutex mutex_;
+    std::map<long, std::unique_ptr<LoopRecordingFileManager>> managers_ GUARDED_BY(mutex_);
+    std::string dbTrackDirectory_ GUARDED_BY(mutex_);
+    std::string trackDirectory_ GUARDED_BY(mutex_);
     tav::mr::logging::Logger logger_;
 };

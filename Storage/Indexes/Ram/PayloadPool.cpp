@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "Platform/Tools/MutexLock.h"
+
 namespace {
 
 // Gives a chunk's payload back to the pool it came from as the chunk dies.
@@ -27,7 +29,7 @@ PayloadPool::DataChunkPtr PayloadPool::MakeChunk() {
 std::string PayloadPool::Take() {
     std::string buffer;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        Moreld::Tools::MutexLock lock(mutex_);
         if (buffers_.empty())
             return buffer;
         buffer.swap(buffers_.back());
@@ -43,7 +45,7 @@ void PayloadPool::Give(std::string&& buffer) {
     if (bytes < kSmallestKept)
         return;
     std::string kept(std::move(buffer));
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     if (keptBytes_ + bytes > boundBytes_)
         return;  // `kept` is freed on the way out, after the unlock
     keptBytes_ += bytes;
@@ -51,11 +53,11 @@ void PayloadPool::Give(std::string&& buffer) {
 }
 
 size_t PayloadPool::KeptBytes() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     return keptBytes_;
 }
 
 size_t PayloadPool::KeptBuffers() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     return buffers_.size();
 }

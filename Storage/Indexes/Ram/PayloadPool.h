@@ -2,11 +2,11 @@
 
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "Platform/Plexa/DataChunk.h"
+#include "Platform/Tools/Mutex.h"
 
 // Payload buffers that go round between the host's messages and the chunk
 // caches instead of back to the heap. A chunk made here returns its payload
@@ -54,7 +54,7 @@ class PayloadPool : public std::enable_shared_from_this<PayloadPool> {
 
   private:
     const size_t boundBytes_;
-    mutable std::mutex mutex_;
-    std::vector<std::string> buffers_;  // guarded by mutex_; last in, first out
-    size_t keptBytes_ = 0;              // guarded by mutex_; sum of capacities
+    mutable Moreld::Tools::Mutex mutex_;
+    std::vector<std::string> buffers_ GUARDED_BY(mutex_);  // last in, first out
+    size_t keptBytes_ GUARDED_BY(mutex_) = 0;              // sum of capacities
 };

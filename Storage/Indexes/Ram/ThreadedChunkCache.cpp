@@ -1,11 +1,10 @@
 #include "Storage/Indexes/Ram/ThreadedChunkCache.h"
 
 #include <algorithm>
-#include <mutex>
-#include <shared_mutex>
 #include <utility>
 
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/ReaderLock.h"
 #include "Platform/Tools/SyncPoint.h"
 
 // Invariant: work_'s count, plus the one signal a flusher pass may hold between
@@ -43,19 +42,19 @@ void ThreadedChunkCache::SetTrackId(long trackId) {
 // The limit may change while the flusher thread works (a writer resizing
 // its cache), so the setters take the lock too.
 void ThreadedChunkCache::SetCacheSizeInBytes(unsigned long maxBytes) {
-    std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    Moreld::Tools::WriterLock<boost::shared_mutex> lock(cacheMutex_);
     cache_.SetCacheSizeInBytes(maxBytes);
     spaceAvailable_.notify_one();
 }
 
 void ThreadedChunkCache::SetCacheSizeInChunks(unsigned long maxChunks) {
-    std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    Moreld::Tools::WriterLock<boost::shared_mutex> lock(cacheMutex_);
     cache_.SetCacheSizeInChunks(maxChunks);
     spaceAvailable_.notify_one();
 }
 
 unsigned long ThreadedChunkCache::GetCacheSize() const {
-    std::shared_lock<boost::shared_mutex> lock(cacheMutex_);
+    Moreld::Tools::ReaderLock lock(cacheMutex_);
     return cache_.GetCurrentSize();
 }
 
@@ -75,7 +74,7 @@ void ThreadedChunkCache::Stop() {
 }
 
 void ThreadedChunkCache::SetBudget(CacheBudget* budget) {
-    std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    Moreld::Tools::WriterLock<boost::shared_mutex> lock(cacheMutex_);
     budget_ = budget;
     cache_.SetBudget(budget, this);
 }
@@ -92,7 +91,7 @@ bool ThreadedChunkCache::Insert(DataChunkPtr chunk, TimePoint t, unsigned long s
         // no cache lock may be held here.
         if (budget_ != nullptr)
             budget_->Reclaim(size);
-        std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+        Moreld::Tools::WriterLock<boost::shared_mutex> lock(cacheMutex_);
         switch (cache_.TryInsert(chunk, t, size)) {
             case ChunkCache::Insertion::kInserted:
                 pending_.insert(t);
@@ -111,7 +110,8 @@ bool ThreadedChunkCache::Insert(DataChunkPtr chunk, TimePoint t, unsigned long s
     }
 }
 
-void ThreadedChunkCache::AwaitHandled(std::unique_lock<boost::shared_mutex>& lock, TimePoint t) {
+void ThreadedChunkCache::AwaitHandled(Moreld::Tools::WriterLock<boost::shared_mutex>& lock,
+                                      TimePoint t) {
     MR_LOG(logger_, 40, "T" << trackId_ << ": Waiting to insert chunk at " << t);
     IChunkFlusher* flusher = flusher_;
     if (flusher != nullptr)
@@ -135,12 +135,12 @@ void ThreadedChunkCache::AwaitBudget(TimePoint t, unsigned long size) {
 }
 
 bool ThreadedChunkCache::DropHandled(TimePoint t) {
-    std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    Moreld::Tools::WriterLock<boost::shared_mutex> lock(cacheMutex_);
     return cache_.DropHandled(t);
 }
 
 void ThreadedChunkCache::HandleChunk(TimePoint t, bool remove) {
-    std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    Moreld::Tools::WriterLock<boost::shared_mutex> lock(cacheMutex_);
     cache_.HandleChunk(t, remove);
     if (inserterWaiting_ && ShouldWakeInserter())
         spaceAvailable_.notify_one();
@@ -148,7 +148,7 @@ void ThreadedChunkCache::HandleChunk(TimePoint t, bool remove) {
 }
 
 void ThreadedChunkCache::Clear() {
-    std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    Moreld::Tools::WriterLock<boost::shared_mutex> lock(cacheMutex_);
     cache_.Clear();
     pending_.clear();
     // The signals of the dropped time points must not make the thread spin.
@@ -156,17 +156,17 @@ void ThreadedChunkCache::Clear() {
 }
 
 ThreadedChunkCache::DataChunkPtr ThreadedChunkCache::GetChunk(TimePoint t) const {
-    std::shared_lock<boost::shared_mutex> lock(cacheMutex_);
+    Moreld::Tools::ReaderLock lock(cacheMutex_);
     return cache_.GetChunk(t);
 }
 
 ThreadedChunkCache::DataChunkPtr ThreadedChunkCache::GetNextChunk(TimePoint t) const {
-    std::shared_lock<boost::shared_mutex> lock(cacheMutex_);
+    Moreld::Tools::ReaderLock lock(cacheMutex_);
     return cache_.GetNextChunk(t);
 }
 
 ThreadedChunkCache::DataChunkPtr ThreadedChunkCache::GetPreviousChunk(TimePoint t) const {
-    std::shared_lock<boost::shared_mutex> lock(cacheMutex_);
+    Moreld::Tools::ReaderLock lock(cacheMutex_);
     return cache_.GetPreviousChunk(t);
 }
 
@@ -195,7 +195,7 @@ bool ThreadedChunkCache::ShouldWakeInserter() {
 }
 
 bool ThreadedChunkCache::TakeOldestPending(DataChunkPtr& chunk) {
-    std::unique_lock<boost::shared_mutex> lock(cacheMutex_);
+    Moreld::Tools::WriterLock<boost::shared_mutex> lock(cacheMutex_);
     if (pending_.empty())
         return false;
     auto oldest = pending_.begin();

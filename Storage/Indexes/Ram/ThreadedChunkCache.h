@@ -11,6 +11,8 @@
 #include "Platform/Logging/Logger.h"
 #include "Platform/Time/TimePoint.h"
 #include "Platform/Tools/Semaphore.h"
+#include "Platform/Tools/SharedMutex.h"
+#include "Platform/Tools/WriterLock.h"
 #include "Storage/Indexes/Ram/CacheBudget.h"
 #include "Storage/Indexes/Ram/ChunkCache.h"
 #include "Storage/Indexes/Ram/IChunkFlusher.h"
@@ -102,7 +104,8 @@ class ThreadedChunkCache : public CacheBudget::Member {
   private:
     // Waits, holding `lock` (released while waiting), until a chunk of this
     // cache is handled or the bound changes.
-    void AwaitHandled(std::unique_lock<boost::shared_mutex>& lock, TimePoint t);
+    void AwaitHandled(Moreld::Tools::WriterLock<boost::shared_mutex>& lock, TimePoint t)
+        REQUIRES(cacheMutex_);
     // Waits, with no lock held, until the budget can make room.
     void AwaitBudget(TimePoint t, unsigned long size);
     // The flusher thread's body.
@@ -111,20 +114,21 @@ class ThreadedChunkCache : public CacheBudget::Member {
     // queued (the pass woken by Stop or left over from Clear).
     bool TakeOldestPending(DataChunkPtr& chunk);
     // Counts one handled chunk for a blocked insertion; true when it is worth
-    // waking it. Requires cacheMutex_ held exclusively.
-    bool ShouldWakeInserter();
+    // waking it.
+    bool ShouldWakeInserter() REQUIRES(cacheMutex_);
 
-    ChunkCache cache_;  // guarded by cacheMutex_
+    ChunkCache cache_ GUARDED_BY(cacheMutex_);
     std::atomic<IChunkFlusher*> flusher_{nullptr};
     CacheBudget* budget_ = nullptr;             // not owned; set before the first insertion
     std::shared_ptr<PayloadPool> payloadPool_;  // set before the first MakeChunk
-    mutable boost::shared_mutex cacheMutex_;
-    std::set<TimePoint> pending_;  // guarded by cacheMutex_
+    // Taken before the budget's mutex, never after it.
+    mutable Moreld::Tools::BasicSharedMutex<boost::shared_mutex> cacheMutex_;
+    std::set<TimePoint> pending_ GUARDED_BY(cacheMutex_);
     // Waited on, with cacheMutex_ held exclusively, by an insertion that found
     // no room.
     boost::condition_variable_any spaceAvailable_;
-    bool inserterWaiting_ = false;           // guarded by cacheMutex_
-    unsigned long handledWhileWaiting_ = 0;  // guarded by cacheMutex_
+    bool inserterWaiting_ GUARDED_BY(cacheMutex_) = false;
+    unsigned long handledWhileWaiting_ GUARDED_BY(cacheMutex_) = 0;
     // One signal per queued chunk plus one per Stop.
     Moreld::Tools::Semaphore work_{0};
     std::unique_ptr<std::thread> thread_;  // touched by Run and Stop only

@@ -1,18 +1,18 @@
 #include "Storage/Indexes/Ram/TrackAgePurge.h"
 
-#include <mutex>
-#include <shared_mutex>
 #include <sstream>
 #include <stdexcept>
 
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Services/StorageErrors.h"
+#include "Platform/Tools/MutexLock.h"
 #include "Platform/Tools/SyncPoint.h"
+#include "Platform/Tools/WriterLock.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 
 namespace {
 
-using UniqueLock = std::unique_lock<std::shared_mutex>;
+using UniqueLock = Moreld::Tools::WriterLock<>;
 
 }  // namespace
 
@@ -24,7 +24,7 @@ void TrackAgePurge::SetMaxAge(const TimePoint& maxAge) {
         MR_LOG(m_.logger_, 40, msg.str());
         throw MoreldStorageApi::InvalidArgumentError(msg.str());
     }
-    std::lock_guard<std::mutex> db(m_.dbMutex_);
+    Moreld::Tools::MutexLock db(m_.dbMutex_);
     m_.trackDb_.SetMaxAge(maxAge);
     m_.maxAge_ = maxAge;
     if (maxAge.ToNanoseconds() == 0) {
@@ -49,7 +49,7 @@ size_t TrackAgePurge::Run(const TimePoint& cutoff) {
     // Still under the files lock: no new block can take a purged file before
     // the database lists it as empty.
     {
-        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        Moreld::Tools::MutexLock db(m_.dbMutex_);
         m_.trackDb_.Clear(purged);
     }
     LogPurge(purged.size(), cutoff);

@@ -4,8 +4,7 @@
 
 #include "Platform/Time/TimePoint.h"
 #include "Storage/Indexes/File/ChunkFile.h"
-
-class LoopRecordingFileManager;
+#include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 
 // Retention by age of one track: records the track's maximum age in its
 // database, and gives back the files of the blocks whose whole content is
@@ -33,8 +32,9 @@ class TrackAgePurge {
   private:
     // With both of the manager's locks held: takes the expired blocks out of
     // the index and queues their files as empty.
-    std::vector<ChunkFile> TakeExpiredBlocks(const TimePoint& cutoff);
-    void LogPurge(size_t files, const TimePoint& cutoff) const;
+    std::vector<ChunkFile> TakeExpiredBlocks(const TimePoint& cutoff)
+        REQUIRES(m_.filesMutex_, m_.indexMutex_);
+    void LogPurge(size_t files, const TimePoint& cutoff) const REQUIRES_SHARED(m_.filesMutex_);
 
     LoopRecordingFileManager& m_;
 };

@@ -1,27 +1,27 @@
 #include "Storage/Indexes/Ram/TrackIndexRecovery.h"
 
 #include <algorithm>
-#include <mutex>
-#include <shared_mutex>
 #include <sstream>
 #include <stdexcept>
 
 #include "Platform/File/ChunkFileHeader.h"
 #include "Platform/File/DataChunkFileAppender.h"
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/MutexLock.h"
 #include "Platform/Tools/StrCat.h"
+#include "Platform/Tools/WriterLock.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 
 using Moreld::Time::TimePoint;
 
 namespace {
 
-using UniqueLock = std::unique_lock<std::shared_mutex>;
+using UniqueLock = Moreld::Tools::WriterLock<>;
 
 }  // namespace
 
 void TrackIndexRecovery::LoadEmptyFiles() {
-    std::lock_guard<std::mutex> db(m_.dbMutex_);
+    Moreld::Tools::MutexLock db(m_.dbMutex_);
     std::vector<ChunkFile> blockFiles;
     for (const auto& [key, block] : m_.blocks_)
         blockFiles.push_back(block.GetChunkFile());
@@ -53,14 +53,16 @@ void TrackIndexRecovery::LoadEmptyFiles() {
 // block is built at its final size.
 void TrackIndexRecovery::LoadBlocks(unsigned long& chunkCount) {
     std::vector<FileSystem::Chunk> rows;
-    std::lock_guard<std::mutex> db(m_.dbMutex_);
-    m_.trackDb_.ForEachChunk([&](const FileSystem::Chunk& chunk) {
-        if (!rows.empty() && rows.front().location.file != chunk.location.file) {
-            chunkCount += IndexFileRows(rows);
-            rows.clear();
-        }
-        rows.push_back(chunk);
-    });
+    Moreld::Tools::MutexLock db(m_.dbMutex_);
+    // The rows are indexed on this thread, under the locks it holds.
+    m_.trackDb_.ForEachChunk(
+        [&](const FileSystem::Chunk& chunk) REQUIRES(m_.filesMutex_, m_.indexMutex_) {
+            if (!rows.empty() && rows.front().location.file != chunk.location.file) {
+                chunkCount += IndexFileRows(rows);
+                rows.clear();
+            }
+            rows.push_back(chunk);
+        });
     if (!rows.empty())
         chunkCount += IndexFileRows(rows);
 }
@@ -86,7 +88,7 @@ size_t TrackIndexRecovery::IndexFileRows(const std::vector<FileSystem::Chunk>& r
 
 void TrackIndexRecovery::OpenDatabase(const std::string& directory) {
     {
-        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        Moreld::Tools::MutexLock db(m_.dbMutex_);
         if (!m_.trackDb_.Open(directory, m_.trackId_)) {
             throw std::runtime_error(
                 Moreld::Tools::StrCat("Could not open DB on track ", m_.trackId_));
@@ -110,7 +112,7 @@ void TrackIndexRecovery::OpenDatabase(const std::string& directory) {
         MR_LOG(
             m_.logger_, 30,
             "T" << m_.trackId_ << ": " << m_.emptyFiles_.size() << " empty files. Track is empty");
-        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        Moreld::Tools::MutexLock db(m_.dbMutex_);
         m_.trackDb_.SetActiveMode(false);
     } else {
         MR_LOG(m_.logger_, 30,
@@ -178,7 +180,7 @@ void TrackIndexRecovery::DropNewestBlock(const FileSystem::Block& block) {
     MR_LOG(m_.logger_, 30, "T" << m_.trackId_ << ": File " << file << " is put back as empty file");
     m_.emptyFiles_.push_back(file);
     {
-        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        Moreld::Tools::MutexLock db(m_.dbMutex_);
         m_.trackDb_.RemoveAndAddAsEmptyFile(file);
     }
     const TimePoint key = block.GetTcIn();
@@ -205,7 +207,7 @@ void TrackIndexRecovery::KeepFirstChunks(const FileSystem::Block& block, size_t 
     }
     {
         // The file's rows become exactly the chunks kept.
-        std::lock_guard<std::mutex> db(m_.dbMutex_);
+        Moreld::Tools::MutexLock db(m_.dbMutex_);
         m_.trackDb_.SaveAndRemove(rows);
     }
     m_.counters_.trackSize =
@@ -248,6 +250,6 @@ void TrackIndexRecovery::HandlePowerFailure(const std::string& root) {
            "T" << m_.trackId_ << ": " << m_.emptyFiles_.size() << " empty files and "
                << m_.blocks_.size() << " blocks. Track goes now from "
                << m_.counters_.beginningOfTrack.load() << " to " << m_.counters_.endOfTrack.load());
-    std::lock_guard<std::mutex> db(m_.dbMutex_);
+    Moreld::Tools::MutexLock db(m_.dbMutex_);
     m_.trackDb_.SetActiveMode(false);
 }

@@ -5,8 +5,7 @@
 #include <vector>
 
 #include "Storage/Indexes/Ram/Block.h"
-
-class LoopRecordingFileManager;
+#include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 
 // Rebuilds a track's RAM index from its database (OpenDatabase) and repairs
 // the end of the track against its chunk files after an unclean stop
@@ -26,18 +25,21 @@ class TrackIndexRecovery {
     void HandlePowerFailure(const std::string& root);
 
   private:
-    void LoadEmptyFiles();
-    void LoadBlocks(unsigned long& chunkCount);
+    // Like every step below, with the manager's files and index locks held.
+    void LoadEmptyFiles() REQUIRES(m_.filesMutex_, m_.indexMutex_);
+    void LoadBlocks(unsigned long& chunkCount) REQUIRES(m_.filesMutex_, m_.indexMutex_);
     // Indexes the rows of one file as one block; how many fit in it.
-    size_t IndexFileRows(const std::vector<FileSystem::Chunk>& rows);
+    size_t IndexFileRows(const std::vector<FileSystem::Chunk>& rows)
+        REQUIRES(m_.filesMutex_, m_.indexMutex_);
     std::set<Moreld::Time::TimePoint> TimePointsInFile(const std::string& root,
                                                        const ChunkFile& file);
     // How many of the block's first chunks read back from its file; sets
     // `matches` when the file holds exactly the block's chunks.
     size_t ReadableChunks(const std::string& root, const FileSystem::Block& block, bool& matches);
-    void DropNewestBlock(const FileSystem::Block& block);
+    void DropNewestBlock(const FileSystem::Block& block) REQUIRES(m_.filesMutex_, m_.indexMutex_);
     // The block and the database keep only its first `kept` chunks.
-    void KeepFirstChunks(const FileSystem::Block& block, size_t kept);
+    void KeepFirstChunks(const FileSystem::Block& block, size_t kept)
+        REQUIRES(m_.filesMutex_, m_.indexMutex_);
 
     LoopRecordingFileManager& m_;
 };

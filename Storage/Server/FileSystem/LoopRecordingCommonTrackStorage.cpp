@@ -5,6 +5,7 @@
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Plexa/Converter.h"
 #include "Platform/Services/StorageErrors.h"
+#include "Platform/Tools/MutexLock.h"
 #include "Platform/Tools/StrCat.h"
 
 using Moreld::Plexa::Converter;
@@ -29,19 +30,19 @@ LoopRecordingCommonTrackStorage::LoopRecordingCommonTrackStorage(
 LoopRecordingCommonTrackStorage::~LoopRecordingCommonTrackStorage() = default;
 
 std::shared_ptr<FilesPool> LoopRecordingCommonTrackStorage::FirstPool() const {
-    std::lock_guard<std::mutex> lock(poolsMutex_);
+    Moreld::Tools::MutexLock lock(poolsMutex_);
     return pools_.empty() ? nullptr : *pools_.begin();
 }
 
 void LoopRecordingCommonTrackStorage::AddPool(std::shared_ptr<FilesPool> pool) {
-    std::lock_guard<std::mutex> moves(poolMutex_);
-    std::lock_guard<std::mutex> lock(poolsMutex_);
+    Moreld::Tools::MutexLock moves(poolMutex_);
+    Moreld::Tools::MutexLock lock(poolsMutex_);
     pools_.insert(std::move(pool));
 }
 
 void LoopRecordingCommonTrackStorage::RemovePool(std::shared_ptr<FilesPool> pool) {
-    std::lock_guard<std::mutex> moves(poolMutex_);
-    std::lock_guard<std::mutex> lock(poolsMutex_);
+    Moreld::Tools::MutexLock moves(poolMutex_);
+    Moreld::Tools::MutexLock lock(poolsMutex_);
     pools_.erase(pool);
 }
 
@@ -60,7 +61,7 @@ Monitoring& LoopRecordingCommonTrackStorage::RequireMonitoring(const char* messa
 
 long LoopRecordingCommonTrackStorage::CreateTrack(const Protocol::TrackParameters& in,
                                                   Protocol::TrackParameters& out) {
-    std::lock_guard<std::mutex> lock(poolMutex_);
+    Moreld::Tools::MutexLock lock(poolMutex_);
     std::shared_ptr<FilesPool> pool = FirstPool();
     auto refuse = [&out] {
         out.set_id(0);
@@ -82,7 +83,7 @@ long LoopRecordingCommonTrackStorage::CreateTrack(const Protocol::TrackParameter
 
 void LoopRecordingCommonTrackStorage::GrowTrack(const Protocol::TrackParameters& in,
                                                 Protocol::TrackParameters& out) {
-    std::lock_guard<std::mutex> lock(poolMutex_);
+    Moreld::Tools::MutexLock lock(poolMutex_);
     const long id = in.id();
     out.set_id(0);
     out.set_size(0);
@@ -110,13 +111,13 @@ void LoopRecordingCommonTrackStorage::GrowTrack(const Protocol::TrackParameters&
 }
 
 void LoopRecordingCommonTrackStorage::DeleteTrack(const long& id, Protocol::TrackParameters& out) {
-    std::lock_guard<std::mutex> lock(poolMutex_);
+    Moreld::Tools::MutexLock lock(poolMutex_);
     std::shared_ptr<FilesPool> pool;
     {
         // No reader or writer may open on the track while it goes away.
         Monitoring& monitoring = RequireMonitoring(
             "Monitoring not set for LoopRecordingCommonTrackStorage in DeleteTrack");
-        std::lock_guard<std::mutex> track(monitoring.GetMutex(id));
+        Moreld::Tools::MutexLock track(monitoring.GetMutex(id));
         const auto workers = monitoring.GetNumberWorkers(id);
         if (workers != 0) {
             throw MoreldStorageApi::StoreBusyError(
@@ -149,7 +150,7 @@ void LoopRecordingCommonTrackStorage::DeleteTrack(const long& id, Protocol::Trac
 }
 
 void LoopRecordingCommonTrackStorage::ClearTrack(const long& id) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     if (!managers_.Exists(id))
         return;
     LoopRecordingFileManager& manager = *managers_.GetManager(id);
@@ -163,7 +164,7 @@ void LoopRecordingCommonTrackStorage::ClearTrack(const long& id) {
 // Queries
 
 void LoopRecordingCommonTrackStorage::ListTracks(Protocol::TrackList& out) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     out.clear_ids();
     for (long id : managers_.GetTrackIds())
         out.add_ids(id);
@@ -172,9 +173,9 @@ void LoopRecordingCommonTrackStorage::ListTracks(Protocol::TrackList& out) {
 void LoopRecordingCommonTrackStorage::GetTrackInfos(const Protocol::Ids& ids,
                                                     Protocol::TrackInfos& out) {
     Monitoring& monitoring = RequireMonitoring("Monitoring not set, cannot call GetTrackInfos");
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     for (long id : ids.ids()) {
-        std::lock_guard<std::mutex> track(monitoring.GetMutex(id));
+        Moreld::Tools::MutexLock track(monitoring.GetMutex(id));
         if (!managers_.Exists(id))
             continue;
         LoopRecordingFileManager& manager = *managers_.GetManager(id);
@@ -204,7 +205,7 @@ long LoopRecordingCommonTrackStorage::GetMaxTrackSize(long id) {
 
 void LoopRecordingCommonTrackStorage::GetBeginningOfTrack(const long& id,
                                                           Protocol::TimePoint& out) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     TimePoint found = kNoTimePoint;
     if (managers_.Exists(id)) {
         TimePoint first;
@@ -215,7 +216,7 @@ void LoopRecordingCommonTrackStorage::GetBeginningOfTrack(const long& id,
 }
 
 void LoopRecordingCommonTrackStorage::GetEndOfTrack(const long& id, Protocol::TimePoint& out) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     out = Converter::To(managers_.Exists(id) ? managers_.GetManager(id)->GetEndOfTrack()
                                              : kNoTimePoint);
 }
@@ -223,7 +224,7 @@ void LoopRecordingCommonTrackStorage::GetEndOfTrack(const long& id, Protocol::Ti
 TimePoint LoopRecordingCommonTrackStorage::GetAccumulatedDuration(const long& id,
                                                                   const TimePoint& from,
                                                                   const TimePoint& to) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     if (!directories_.Exist(id))
         return TimePoint();
     return managers_.GetManager(id)->GetAccumulatedDuration(from, to);
@@ -232,7 +233,7 @@ TimePoint LoopRecordingCommonTrackStorage::GetAccumulatedDuration(const long& id
 unsigned long LoopRecordingCommonTrackStorage::GetNumberOfChunks(const long& id,
                                                                  const TimePoint& from,
                                                                  const TimePoint& to) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     if (!directories_.Exist(id))
         return 0;
     return managers_.GetManager(id)->GetNumberOfChunks(from, to);
@@ -251,9 +252,15 @@ Monitoring::WorkerInfo LoopRecordingCommonTrackStorage::GetWorkerInfo(long worke
 // Protections
 
 void LoopRecordingCommonTrackStorage::OpenProtectionDatabase(const std::string& dbDirectory) {
+    // At start-up nobody else calls yet; the lock is taken for the rule.
+    Moreld::Tools::MutexLock lock(accessMutex_);
     protections_.Reload(dbDirectory);
-    std::lock_guard<std::mutex> lock(accessMutex_);
     protections_.LiftExpired();
+}
+
+void LoopRecordingCommonTrackStorage::SetClock(std::function<TimePoint()> clock) {
+    Moreld::Tools::MutexLock lock(accessMutex_);
+    protections_.SetClock(std::move(clock));
 }
 
 void LoopRecordingCommonTrackStorage::ProtectWithTerms(const long& track,
@@ -261,7 +268,7 @@ void LoopRecordingCommonTrackStorage::ProtectWithTerms(const long& track,
                                                        const Protocol::TimePoint& duration,
                                                        const Protocol::ProtectionTerms& terms,
                                                        long& protectionId) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     protections_.ProtectWithTerms(track, Converter::From(from), Converter::From(duration), terms,
                                   protectionId);
 }
@@ -269,7 +276,7 @@ void LoopRecordingCommonTrackStorage::ProtectWithTerms(const long& track,
 void LoopRecordingCommonTrackStorage::Protect(const long& track, const Protocol::TimePoint& from,
                                               const Protocol::TimePoint& duration,
                                               long& protectionId) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     protections_.Protect(track, Converter::From(from), Converter::From(duration), protectionId,
                          true, {});
 }
@@ -281,17 +288,17 @@ void LoopRecordingCommonTrackStorage::Protect(const long& track, const TimePoint
 }
 
 void LoopRecordingCommonTrackStorage::Unprotect(const long& protectionId) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     protections_.Unprotect(protectionId);
 }
 
 size_t LoopRecordingCommonTrackStorage::LiftExpiredProtections() {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     return protections_.LiftExpired();
 }
 
 void LoopRecordingCommonTrackStorage::ListProtections(Protocol::ProtectionInfos& out) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     protections_.List(out);
 }
 
@@ -299,7 +306,7 @@ void LoopRecordingCommonTrackStorage::ListProtections(Protocol::ProtectionInfos&
 // Properties
 
 void LoopRecordingCommonTrackStorage::OpenPropertiesDatabase(const std::string& dbDirectory) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     properties_.Open(dbDirectory);
 }
 
@@ -309,24 +316,24 @@ void LoopRecordingCommonTrackStorage::SetTrackProperties(const long& track,
         throw MoreldStorageApi::NotFoundError(
             StrCat("T", track, ": does not exist, you cannot SetTrackProperties"));
     }
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     properties_.Set(track, properties);
 }
 
 void LoopRecordingCommonTrackStorage::RemoveTrackProperties(
     const long& track, const Protocol::PropertyList& properties) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     properties_.Remove(track, properties);
 }
 
 void LoopRecordingCommonTrackStorage::GetTrackProperties(const long& track,
                                                          Protocol::PropertyList& out) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     properties_.Get(track, out);
 }
 
 void LoopRecordingCommonTrackStorage::RemoveAllProperties(long track) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     properties_.RemoveAll(track);
 }
 
@@ -334,15 +341,15 @@ void LoopRecordingCommonTrackStorage::RemoveAllProperties(long track) {
 // Retention by age
 
 void LoopRecordingCommonTrackStorage::SetRetentionClock(TrackRetention::Clock clock) {
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     retention_.SetClock(std::move(clock));
 }
 
 void LoopRecordingCommonTrackStorage::SetTrackMaxAge(const long& id, const TimePoint& maxAge) {
     Monitoring& monitoring = RequireMonitoring("Monitoring not set, cannot call SetTrackMaxAge");
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     // Deletion holds the track's mutex: the track cannot go meanwhile.
-    std::lock_guard<std::mutex> track(monitoring.GetMutex(id));
+    Moreld::Tools::MutexLock track(monitoring.GetMutex(id));
     if (!managers_.Exists(id)) {
         std::string msg = StrCat("Track ", id, " does not exist to set its max age");
         MR_LOG(logger_, 30, msg);
@@ -354,11 +361,11 @@ void LoopRecordingCommonTrackStorage::SetTrackMaxAge(const long& id, const TimeP
 size_t LoopRecordingCommonTrackStorage::PurgeExpiredContent() {
     Monitoring& monitoring =
         RequireMonitoring("Monitoring not set, cannot call PurgeExpiredContent");
-    std::lock_guard<std::mutex> lock(accessMutex_);
+    Moreld::Tools::MutexLock lock(accessMutex_);
     const TimePoint now = retention_.Now();
     size_t files = 0;
     for (long id : managers_.GetTrackIds()) {
-        std::lock_guard<std::mutex> track(monitoring.GetMutex(id));
+        Moreld::Tools::MutexLock track(monitoring.GetMutex(id));
         if (managers_.Exists(id))
             files += retention_.Purge(id, *managers_.GetManager(id), now);
     }

@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -11,6 +10,7 @@
 #include "Platform/Logging/Logger.h"
 #include "Platform/Protocol/Protocol.pb.h"
 #include "Platform/Time/TimePoint.h"
+#include "Platform/Tools/Mutex.h"
 #include "Storage/Indexes/File/DirectoryHandler.h"
 #include "Storage/Indexes/File/FilesPool.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
@@ -76,7 +76,8 @@ class LoopRecordingCommonTrackStorage {
     // one whose range holds no block any more is kept all the same (logged
     // at level 40), so that a start never fails on it.
     void Protect(const long& track, const TimePoint& from, const TimePoint& duration,
-                 long& protectionId, bool isNew, const ProtectionDB::Terms& terms = {});
+                 long& protectionId, bool isNew, const ProtectionDB::Terms& terms = {})
+        REQUIRES(accessMutex_);
     // The host's form with a label and an expiry; an expiry not after the
     // clock's now is refused before anything is protected.
     void ProtectWithTerms(const long& track, const Protocol::TimePoint& from,
@@ -88,7 +89,7 @@ class LoopRecordingCommonTrackStorage {
     size_t LiftExpiredProtections();
     // The clock of expiries (the wall clock by default). Set before the
     // protection database is opened.
-    void SetClock(std::function<TimePoint()> clock) { protections_.SetClock(std::move(clock)); }
+    void SetClock(std::function<TimePoint()> clock);
     void ListProtections(Protocol::ProtectionInfos& out);
     void SetTrackProperties(const long& track, const Protocol::PropertyList& properties);
     void RemoveTrackProperties(const long& track, const Protocol::PropertyList& properties);
@@ -120,13 +121,16 @@ class LoopRecordingCommonTrackStorage {
     tav::mr::logging::Logger logger_;
     DirectoryHandler& directories_;
     LoopRecordingFileManagers& managers_;
-    mutable std::mutex poolsMutex_;  // guards pools_ only, held briefly
-    std::set<std::shared_ptr<FilesPool>> pools_;
-    TrackFileMoves moves_;             // guarded by poolMutex_
-    TrackProtections protections_;     // guarded by accessMutex_
-    TrackPropertiesCache properties_;  // guarded by accessMutex_
-    TrackRetention retention_;         // guarded by accessMutex_
+    // Held briefly, after poolMutex_ when both are.
+    mutable Moreld::Tools::Mutex poolsMutex_;
+    std::set<std::shared_ptr<FilesPool>> pools_ GUARDED_BY(poolsMutex_);
+    TrackFileMoves moves_ GUARDED_BY(poolMutex_);
+    TrackProtections protections_ GUARDED_BY(accessMutex_);
+    TrackPropertiesCache properties_ GUARDED_BY(accessMutex_);
+    TrackRetention retention_ GUARDED_BY(accessMutex_);
     Monitoring* monitoring_ = nullptr;
-    mutable std::mutex poolMutex_;
-    mutable std::mutex accessMutex_;
+    // Independent of each other; both taken before any track's monitoring
+    // mutex and the locks of the index, the caches and the pool.
+    mutable Moreld::Tools::Mutex poolMutex_ ACQUIRED_BEFORE(poolsMutex_);
+    mutable Moreld::Tools::Mutex accessMutex_;
 };

@@ -7,6 +7,7 @@
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Plexa/Converter.h"
 #include "Platform/Services/StorageErrors.h"
+#include "Platform/Tools/MutexLock.h"
 #include "Platform/Tools/StdTimer.h"
 #include "Platform/Tools/SyncPoint.h"
 
@@ -189,7 +190,7 @@ void LoopRecordingFileTrackWriter::CheckRoom(const TimePoint& t, unsigned long s
 }
 
 void LoopRecordingFileTrackWriter::CountLoss(const TimePoint& t, const std::string& reason) {
-    std::lock_guard<std::mutex> lock(lossMutex_);
+    Moreld::Tools::MutexLock lock(lossMutex_);
     if (lostChunks_++ == 0) {
         std::ostringstream first;
         first << t << ": " << reason;
@@ -200,7 +201,7 @@ void LoopRecordingFileTrackWriter::CountLoss(const TimePoint& t, const std::stri
 void LoopRecordingFileTrackWriter::ThrowLosses() {
     std::ostringstream msg;
     {
-        std::lock_guard<std::mutex> lock(lossMutex_);
+        Moreld::Tools::MutexLock lock(lossMutex_);
         if (lostChunks_ == 0)
             return;
         msg << "T" << trackId_ << ": " << lostChunks_

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -11,6 +10,7 @@
 #include "Platform/Plexa/DataChunk.h"
 #include "Platform/Services/ITrackWriter.h"
 #include "Platform/Time/TimePoint.h"
+#include "Platform/Tools/Mutex.h"
 #include "Platform/Tools/RateLimiter.h"
 #include "Storage/Indexes/Ram/Chunk.h"
 #include "Storage/Indexes/Ram/IChunkFlusher.h"
@@ -127,9 +127,9 @@ class LoopRecordingFileTrackWriter : public MoreldStorageApi::ITrackWriter, publ
     // Set by the flusher when a placed chunk could not be written: from then
     // on nothing is stored, Append refuses, and the close repairs the index.
     std::atomic<bool> diskFailed_{false};
-    std::mutex lossMutex_;
-    unsigned long lostChunks_ = 0;  // guarded by lossMutex_, since the last report
-    std::string firstLoss_;         // guarded by lossMutex_
+    Moreld::Tools::Mutex lossMutex_;
+    unsigned long lostChunks_ GUARDED_BY(lossMutex_) = 0;  // since the last report
+    std::string firstLoss_ GUARDED_BY(lossMutex_);
     Monitoring* monitoring_ = nullptr;
     long workerId_ = 0;
     // Shared by the host thread and the flusher thread.

@@ -1,13 +1,13 @@
 #include "Storage/Server/FileSystem/LoopRecordingTrackTimeline.h"
 
 #include <algorithm>
-#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <vector>
 
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Plexa/Converter.h"
+#include "Platform/Tools/MutexLock.h"
 #include "Storage/Indexes/Ram/TrackTimelineReader.h"
 
 using Moreld::Plexa::Converter;
@@ -99,7 +99,7 @@ void LoopRecordingTrackTimeline::GetTrackStatistics(const Protocol::Ids& trackId
 
 bool LoopRecordingTrackTimeline::ReadStatistics(long trackId, Protocol::TrackStatistics& out) {
     // Deletion holds the track's mutex: the index cannot go meanwhile.
-    std::lock_guard<std::mutex> track(monitoring_.GetMutex(trackId));
+    Moreld::Tools::MutexLock track(monitoring_.GetMutex(trackId));
     if (!managers_.Exists(trackId))
         return false;
     const LoopRecordingFileManager& manager = *managers_.GetManager(trackId);
@@ -121,7 +121,7 @@ bool LoopRecordingTrackTimeline::ReadStatistics(long trackId, Protocol::TrackSta
 void LoopRecordingTrackTimeline::ReadTrack(
     long trackId, const char* what,
     const std::function<void(const LoopRecordingFileManager&)>& read) {
-    std::lock_guard<std::mutex> track(monitoring_.GetMutex(trackId));
+    Moreld::Tools::MutexLock track(monitoring_.GetMutex(trackId));
     if (!managers_.Exists(trackId)) {
         std::ostringstream text;
         text << "Track " << trackId << " does not exist to " << what;

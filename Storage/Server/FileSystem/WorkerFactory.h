@@ -1,11 +1,12 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 
 #include "Platform/Services/StorageErrors.h"
+#include "Platform/Tools/Mutex.h"
+#include "Platform/Tools/MutexLock.h"
 #include "Storage/Indexes/File/DirectoryHandler.h"
 #include "Storage/Indexes/Ram/ChunkCacheManager.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
@@ -32,7 +33,7 @@ struct WorkerFactory {
         if (monitoring == nullptr) {
             throw std::runtime_error("Monitoring not set for " + factoryName);
         }
-        std::lock_guard<std::mutex> track(monitoring->GetMutex(trackId));
+        Moreld::Tools::MutexLock track(monitoring->GetMutex(trackId));
         if (!managers.Exists(trackId)) {
             throw MoreldStorageApi::NotFoundError("Cannot create a " + workerKind + ", track " +
                                                   std::to_string(trackId) +

@@ -32,6 +32,7 @@
 #include "Host/Server/LoopstoreServer.h"
 #include "Platform/Time/TimePoint.h"
 #include "Platform/Tools/SyncPoint.h"
+#include "tests/Support/SyncPoints.h"
 #include "tests/Support/TempDir.h"
 
 namespace loopstore::cli {
@@ -703,6 +704,7 @@ double Seconds(const json& instant) {
 // the loop of a recycled track, across a hole in the recording; and a range
 // with nothing in it leaves no file.
 TEST_F(LoopstoreCommandTest, ExportedClipsPlayFromMidGopAcrossTheLoopAndAcrossGaps) {
+    LOOPSTORE_REQUIRE_SYNC_POINTS();
     if (!HasProgram("ffmpeg") || !HasProgram("ffprobe"))
         GTEST_SKIP() << "ffmpeg and ffprobe are not installed";
     const std::string input = dir_ / "camera.ts";

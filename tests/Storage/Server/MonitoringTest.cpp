@@ -129,7 +129,7 @@ TEST_F(MonitoringTest, WorkersByIdAndByTrack) {
 
 TEST(Monitoring, TrackMutexesAreStable) {
     Monitoring monitoring;
-    std::mutex& first = monitoring.GetMutex(7);
+    Moreld::Tools::Mutex& first = monitoring.GetMutex(7);
     EXPECT_EQ(&first, &monitoring.GetMutex(7));
     EXPECT_NE(&first, &monitoring.GetMutex(8));
     for (long track = 100; track < 1100; ++track) {

@@ -21,6 +21,7 @@
 #include "Storage/Indexes/File/ExtendedAttributeNames.h"
 #include "Storage/Indexes/File/FilesPool.h"
 #include "Storage/Indexes/SQLite/PoolDB.h"
+#include "tests/Support/SyncPoints.h"
 #include "tests/Support/TempDir.h"
 
 namespace {
@@ -405,6 +406,7 @@ TEST_F(FilesPoolTest, OpeningFinishesInterruptedMovesBothWays) {
 }
 
 TEST_F(FilesPoolTest, StopFromAnotherThreadBetweenTwoFiles) {
+    LOOPSTORE_REQUIRE_SYNC_POINTS();
     CreatePoolFiles(1, 5, 100);
     CreateTrackDirs(1, 1);
     auto pool = NewLinkedPool();

@@ -11,6 +11,7 @@
 #include "Platform/Logging/LogCapture.h"
 #include "Platform/Tools/SyncPoint.h"
 #include "Storage/Indexes/Ram/ChunkCacheManager.h"
+#include "tests/Support/SyncPoints.h"
 
 using Moreld::Plexa::DataChunk;
 using Moreld::Time::TimePoint;
@@ -55,6 +56,7 @@ class HandlingFlusher : public IChunkFlusher {
 // written, whatever their track; unwritten ones stay, and an insertion that
 // finds only those waits until another track's chunk is written.
 TEST(CacheBudget, DropsOldestWrittenChunksAcrossTracksAndWaitsForUnwritten) {
+    LOOPSTORE_REQUIRE_SYNC_POINTS();
     LogCapture quiet("ThreadedChunkCache", 50);
     ChunkCacheManager manager;
     manager.GetBudget().SetLimit(300);

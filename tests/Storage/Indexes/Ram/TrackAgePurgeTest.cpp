@@ -6,6 +6,7 @@
 #include "Platform/Tools/SyncPoint.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 #include "tests/Storage/Indexes/Ram/TrackFixture.h"
+#include "tests/Support/SyncPoints.h"
 
 using loopstore::test::ChunkWriter;
 using loopstore::test::ExpectChunksReadable;
@@ -71,6 +72,7 @@ TEST(TrackAgePurge, GivesBackWhollyExpiredUnprotectedBlocksAsEmptyFilesDurably) 
 }
 
 TEST(TrackAgePurge, NeverTakesTheFileBeingWrittenAndSurvivesACrashBeforeItsCommit) {
+    LOOPSTORE_REQUIRE_SYNC_POINTS();
     TrackFixture track(6, 4, 1000);
     auto m = track.NewManagerWithFiles();
     m->BeginWriting();

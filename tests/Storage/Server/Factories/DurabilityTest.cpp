@@ -12,6 +12,7 @@
 #include "tests/Storage/Server/Factories/PowerCutHarness.h"
 #include "tests/Storage/Server/Factories/StorageFixture.h"
 #include "tests/Storage/Server/Factories/StoreAudit.h"
+#include "tests/Support/SyncPoints.h"
 
 using loopstore::test::CutMode;
 using loopstore::test::ExpectFilesConserved;
@@ -132,6 +133,7 @@ TEST(Durability, MovesBetweenPoolAndTracksSurviveACutAtEveryStep) {
 // A chunk whose file was finished and listed is saved: a cut right after
 // the listing keeps it.
 TEST(Durability, ListedChunksSurviveACut) {
+    LOOPSTORE_REQUIRE_SYNC_POINTS();
     Storage s(kPoolFiles);
     ASSERT_EQ(s.CreateTrack(1, 3), 1);
     s.Stop();

@@ -12,6 +12,7 @@
 #include "tests/Storage/Server/Factories/PowerCutHarness.h"
 #include "tests/Storage/Server/Factories/StorageFixture.h"
 #include "tests/Storage/Server/Factories/StoreAudit.h"
+#include "tests/Support/SyncPoints.h"
 
 namespace loopstore::test {
 namespace {
@@ -69,6 +70,7 @@ class RunCounter {
 };
 
 TEST(Retention, MaxAgeOutlivesRestartsAndPurgesAtOnceAtStartUpAndPeriodically) {
+    LOOPSTORE_REQUIRE_SYNC_POINTS();
     std::atomic<int64_t> now{int64_t{9} * kSecond};
     Storage s(8, false);
     // The background thread stays out of the way until the last part.
@@ -102,7 +104,7 @@ TEST(Retention, MaxAgeOutlivesRestartsAndPurgesAtOnceAtStartUpAndPeriodically) {
     // Periodically, never blocking a writer: the purged files take new chunks.
     s.Stop();
     s.SetUpkeep([&] { return TimePoint::FromNanoseconds(now.load()); },
-                   std::chrono::milliseconds(1));
+                std::chrono::milliseconds(1));
     s.Start();
     RecordSeconds(s, 1, 30, 6);  // blocks 30, 33
     {

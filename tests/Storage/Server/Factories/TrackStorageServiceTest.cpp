@@ -10,6 +10,7 @@
 #include "Platform/Logging/LogCapture.h"
 #include "Platform/Tools/SyncPoint.h"
 #include "tests/Storage/Server/Factories/StorageFixture.h"
+#include "tests/Support/SyncPoints.h"
 
 using loopstore::test::Storage;
 using tav::mr::logging::LogCapture;
@@ -335,6 +336,7 @@ TEST(TrackStorageService, InterruptedMovesAreFinishedAtTheNextStart) {
 }
 
 TEST(TrackStorageService, ProtectionsCarryTermsAndExpireWhileOpenAndAtTheNextStart) {
+    LOOPSTORE_REQUIRE_SYNC_POINTS();
     std::atomic<int64_t> now{100 * kSecond};
     auto clock = [&now] { return Moreld::Time::TimePoint::FromNanoseconds(now.load()); };
     // The sweeps run every millisecond; the test counts them to know when

@@ -22,6 +22,7 @@
 #include "Storage/Server/FileSystem/ChunkCacheTrackReader.h"
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriter.h"
 #include "tests/Storage/Server/FileSystem/TrackIoFixture.h"
+#include "tests/Support/SyncPoints.h"
 
 using loopstore::test::At;
 using loopstore::test::kSecond;
@@ -273,6 +274,7 @@ void Interleave(const char* point, int occurrence, bool wait,
 }  // namespace
 
 TEST(TrackResizeWhileWriting, ServiceStepsAtTheWritersRiskySteps) {
+    LOOPSTORE_REQUIRE_SYNC_POINTS();
     using Op = std::function<void(TrackService&)>;
     const Op clear = [](TrackService& s) { s.Clear(); };
     const Op shrinkAll = [](TrackService& s) { s.Shrink(kEverything); };

@@ -12,6 +12,7 @@
 #include "Storage/Server/FileSystem/ChunkCacheTrackReader.h"
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriter.h"
 #include "tests/Storage/Server/FileSystem/TrackIoFixture.h"
+#include "tests/Support/SyncPoints.h"
 #include "tests/Support/ThrownText.h"
 
 using loopstore::test::At;
@@ -441,6 +442,7 @@ TEST(TrackWriterReader, FilesLargerThanTheCacheDoNotStallTheWriter) {
 }
 
 TEST(TrackWriterReader, AFinishedFileIsDurableBeforeTheDatabaseNamesItsChunks) {
+    LOOPSTORE_REQUIRE_SYNC_POINTS();
     TrackIo io(4, 3, 16 * 1024);
     std::mutex mutex;
     std::vector<std::string> events;
