@@ -7,7 +7,7 @@ namespace loopstore::test {
 // A fresh directory under $TMPDIR (or /tmp), removed with everything in it on
 // destruction. Each test gets its own, so tests may run in parallel.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -17,7 +17,7 @@ public:
     // Path() joined with `name`.
     std::string operator/(const std::string& name) const;
 
-private:
+  private:
     std::string path_;
 };
 

@@ -7,14 +7,15 @@
 #include <string>
 
 #include "Platform/Plexa/Converter.h"
+#include "tests/Support/TestTime.h"
 
 namespace loopstore::media {
 namespace {
 
+using loopstore::test::kSecond;
 using Moreld::Plexa::Converter;
 using Moreld::Time::TimePoint;
 
-constexpr int64_t kSecond = 1'000'000'000;
 constexpr uint64_t kWrap = uint64_t{1} << 33;
 
 // One MPEG-TS packet, with a PCR (90 kHz base) when `pcr` is not negative.

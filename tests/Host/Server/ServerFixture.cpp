@@ -8,12 +8,6 @@
 
 namespace loopstore::test {
 
-Protocol::TimePoint At(int64_t ns) {
-    Protocol::TimePoint tp;
-    tp.set_nanoseconds(ns);
-    return tp;
-}
-
 rpc::WriteRequest OpenWrite(long track) {
     rpc::WriteRequest request;
     request.mutable_open()->set_track_id(track);

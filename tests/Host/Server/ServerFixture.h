@@ -7,7 +7,9 @@
 
 #include "Host/Rpc/Loopstore.grpc.pb.h"
 #include "Host/Server/LoopstoreServer.h"
+#include "tests/Support/ProtocolBuilders.h"
 #include "tests/Support/TempDir.h"
+#include "tests/Support/TestTime.h"
 
 namespace loopstore::test {
 
@@ -16,7 +18,7 @@ namespace loopstore::test {
 class ServerFixture {
   public:
     static constexpr unsigned long kFileSize = 64 * 1024;
-    static constexpr int64_t kSecond = 1'000'000'000;
+    static constexpr int64_t kSecond = test::kSecond;
 
     // `token` non-empty: written to a token file the server requires.
     explicit ServerFixture(int poolFiles, const std::string& token = "");
@@ -52,7 +54,6 @@ class ServerFixture {
     std::unique_ptr<rpc::TrackReader::Stub> readers_;
 };
 
-Protocol::TimePoint At(int64_t ns);
 rpc::WriteRequest OpenWrite(long track);
 rpc::WriteRequest ChunkAt(int64_t start, int64_t duration, size_t payload);
 

@@ -1,4 +1,5 @@
 #include "Storage/Indexes/Ram/Block.h"
+#include "tests/Support/TestTime.h"
 
 #include <gtest/gtest.h>
 
@@ -9,13 +10,10 @@
 
 using FileSystem::Block;
 using FileSystem::Chunk;
+using loopstore::test::Ns;
 using Moreld::Time::TimePoint;
 
 namespace {
-
-TimePoint Ns(int64_t ns) {
-    return TimePoint::FromNanoseconds(ns);
-}
 
 const ChunkFile kFile(42, 8, 1024, 7);
 

@@ -12,17 +12,15 @@
 #include "Platform/Tools/SyncPoint.h"
 #include "Storage/Indexes/Ram/ChunkCacheManager.h"
 #include "tests/Support/SyncPoints.h"
+#include "tests/Support/TestTime.h"
 
+using loopstore::test::Ns;
 using Moreld::Plexa::DataChunk;
 using Moreld::Time::TimePoint;
 using Moreld::Tools::SyncPoint;
 using tav::mr::logging::LogCapture;
 
 namespace {
-
-TimePoint Ns(int64_t ns) {
-    return TimePoint::FromNanoseconds(ns);
-}
 
 std::shared_ptr<DataChunk> MakeChunk(int64_t start) {
     return std::make_shared<DataChunk>(Ns(start), Ns(10), "payload");

@@ -9,16 +9,14 @@
 
 #include "Platform/Logging/LogCapture.h"
 #include "Storage/Indexes/Ram/ChunkCacheManager.h"
+#include "tests/Support/TestTime.h"
 
+using loopstore::test::Ns;
 using Moreld::Plexa::DataChunk;
 using Moreld::Time::TimePoint;
 using tav::mr::logging::LogCapture;
 
 namespace {
-
-TimePoint Ns(int64_t ns) {
-    return TimePoint::FromNanoseconds(ns);
-}
 
 std::shared_ptr<DataChunk> MakeChunk(int64_t start, int64_t duration) {
     return std::make_shared<DataChunk>(Ns(start), Ns(duration), "payload");

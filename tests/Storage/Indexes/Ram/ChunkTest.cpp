@@ -8,15 +8,13 @@
 
 #include "Storage/Indexes/Ram/BlockConfiguration.h"
 #include "Storage/Indexes/Ram/ChunkLocation.h"
+#include "tests/Support/TestTime.h"
 
 using FileSystem::Chunk;
+using loopstore::test::Ns;
 using Moreld::Time::TimePoint;
 
 namespace {
-
-TimePoint Ns(int64_t ns) {
-    return TimePoint::FromNanoseconds(ns);
-}
 
 std::string FromStringError(const std::string& text) {
     try {

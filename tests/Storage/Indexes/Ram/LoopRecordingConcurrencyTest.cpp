@@ -18,7 +18,9 @@
 
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 #include "tests/Storage/Indexes/Ram/TrackFixture.h"
+#include "tests/Support/TestTime.h"
 
+using loopstore::test::Ns;
 using loopstore::test::TrackFixture;
 using Moreld::Time::TimePoint;
 
@@ -32,10 +34,6 @@ constexpr unsigned long kFileSize = 16384;
 constexpr int kFirstFiles = 4;
 constexpr int kSpareFiles = 6;
 constexpr int64_t kStepNs = 16'000'000;
-
-TimePoint Ns(int64_t ns) {
-    return TimePoint::FromNanoseconds(ns);
-}
 
 // Chunk i starts at i steps and lasts a step, except every 50th, which lasts
 // half a step and leaves a gap; its size follows from i. Any chunk a reader

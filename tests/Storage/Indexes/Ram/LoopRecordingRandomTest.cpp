@@ -25,8 +25,10 @@
 
 #include "Storage/Indexes/Ram/LoopRecordingFileManager.h"
 #include "tests/Storage/Indexes/Ram/TrackFixture.h"
+#include "tests/Support/TestTime.h"
 
 using loopstore::test::ChunkWriter;
+using loopstore::test::Ns;
 using loopstore::test::TrackFixture;
 using Moreld::Time::TimePoint;
 
@@ -38,10 +40,6 @@ constexpr size_t kMinFiles = 3;
 constexpr size_t kMaxFiles = 10;
 // Above this many live protections the run unprotects rather than protects.
 constexpr size_t kMaxProtections = 4;
-
-TimePoint Ns(int64_t ns) {
-    return TimePoint::FromNanoseconds(ns);
-}
 
 uint64_t RunSeed() {
     if (const char* text = std::getenv("LOOPSTORE_SEED"))

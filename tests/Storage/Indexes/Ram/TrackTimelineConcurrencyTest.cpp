@@ -10,12 +10,14 @@
 
 #include "Storage/Indexes/Ram/TrackTimelineReader.h"
 #include "tests/Storage/Indexes/Ram/TrackFixture.h"
+#include "tests/Support/TestTime.h"
 
 namespace loopstore::test {
 namespace {
 
 using Moreld::Time::TimePoint;
 using Range = RecordedRanges::Range;
+using loopstore::test::Ns;
 
 constexpr long kChunks = 4000;
 constexpr int kReaders = 2;
@@ -28,10 +30,6 @@ constexpr int64_t kStepNs = 40'000'000;
 // a pause of half a step follows each group.
 constexpr int64_t kGroupNs = 10 * kStepNs;
 constexpr int64_t kGroupEndNs = 9 * kStepNs + kStepNs / 2;
-
-TimePoint Ns(int64_t ns) {
-    return TimePoint::FromNanoseconds(ns);
-}
 
 void Append(LoopRecordingFileManager& m, long i) {
     m.Append(Ns(i * kStepNs), Ns(i % 10 == 9 ? kStepNs / 2 : kStepNs), kChunkBytes);

@@ -14,9 +14,11 @@
 #include "tests/Storage/Server/Factories/PowerCutHarness.h"
 #include "tests/Storage/Server/Factories/StorageFixture.h"
 #include "tests/Storage/Server/Factories/StoreAudit.h"
+#include "tests/Support/TestTime.h"
 
 using loopstore::test::ExpectFilesConserved;
 using loopstore::test::FaultInjectionEnv;
+using loopstore::test::kSecond;
 using loopstore::test::ScopedEnv;
 using loopstore::test::Storage;
 using loopstore::test::TrackChunk;
@@ -24,7 +26,6 @@ using loopstore::test::TrackPayload;
 
 namespace {
 
-constexpr int64_t kSecond = 1'000'000'000;
 constexpr size_t kChunkSize = 5000;
 constexpr int kPoolFiles = 6;
 constexpr int kTrackFiles = 5;

@@ -13,10 +13,12 @@
 #include "tests/Storage/Server/Factories/StorageFixture.h"
 #include "tests/Storage/Server/Factories/StoreAudit.h"
 #include "tests/Support/SyncPoints.h"
+#include "tests/Support/TestTime.h"
 
 using loopstore::test::CutMode;
 using loopstore::test::ExpectFilesConserved;
 using loopstore::test::FaultInjectionEnv;
+using loopstore::test::kSecond;
 using loopstore::test::PowerCutHarness;
 using loopstore::test::Storage;
 using loopstore::test::TrackChunk;
@@ -25,7 +27,6 @@ using loopstore::test::TrackPayload;
 namespace {
 
 constexpr int kPoolFiles = 6;
-constexpr int64_t kSecond = 1'000'000'000;
 
 const CutMode kModes[] = {CutMode::kDropAll, CutMode::kKeepDirectories, CutMode::kRandom};
 

@@ -13,13 +13,13 @@
 #include "tests/Storage/Server/Factories/StorageFixture.h"
 #include "tests/Storage/Server/Factories/StoreAudit.h"
 #include "tests/Support/SyncPoints.h"
+#include "tests/Support/TestTime.h"
 
 namespace loopstore::test {
 namespace {
 
+using loopstore::test::kSecond;
 using Moreld::Time::TimePoint;
-
-constexpr int64_t kSecond = 1'000'000'000;
 
 Protocol::TimePoint Ns(int64_t ns) {
     Protocol::TimePoint tp;

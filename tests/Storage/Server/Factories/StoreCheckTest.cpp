@@ -16,18 +16,18 @@
 #include "tests/Storage/Server/Factories/PowerCutHarness.h"
 #include "tests/Storage/Server/Factories/StorageFixture.h"
 #include "tests/Storage/Server/Factories/StoreAudit.h"
+#include "tests/Support/TestTime.h"
 
 namespace fs = std::filesystem;
 using loopstore::test::CutMode;
 using loopstore::test::ExpectFilesConserved;
 using loopstore::test::FaultInjectionEnv;
+using loopstore::test::kSecond;
 using loopstore::test::PowerCutHarness;
 using loopstore::test::Storage;
 using loopstore::test::TrackChunk;
 
 namespace {
-
-constexpr int64_t kSecond = 1'000'000'000;
 
 // Every file under the store's three directories: path -> its bytes.
 std::map<std::string, std::string> Contents(const Storage& s) {

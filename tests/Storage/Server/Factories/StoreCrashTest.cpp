@@ -19,6 +19,9 @@
 #include "tests/Storage/Server/Factories/PowerCutHarness.h"
 #include "tests/Storage/Server/Factories/StorageFixture.h"
 #include "tests/Storage/Server/Factories/StoreAudit.h"
+#include "tests/Support/TestTime.h"
+
+using loopstore::test::kSecond;
 
 namespace loopstore::test {
 
@@ -26,7 +29,6 @@ namespace {
 
 constexpr int kPoolFiles = 24;
 constexpr long kTracks = 3;
-constexpr int64_t kSecond = 1'000'000'000;
 constexpr int64_t kChunkDuration = kSecond / 25;
 // The store's clock for retention: later than any chunk the workload writes,
 // and still, so a max age keeps one cutoff for the whole run.
@@ -348,7 +350,7 @@ TEST(StoreCrash, NothingAcknowledgedIsLostAcrossKillsAndPowerCuts) {
     Storage s(kPoolFiles);
     s.Stop();
     s.SetUpkeep([] { return Moreld::Time::TimePoint::FromNanoseconds(kNow); },
-                   std::chrono::minutes(1));
+                std::chrono::minutes(1));
     PowerCutHarness harness(s.Dir().Path());
     const std::string log = s.Dir() / "model.log";
     CrashModel model;

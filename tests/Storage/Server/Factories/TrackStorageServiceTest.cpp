@@ -10,14 +10,18 @@
 #include "Platform/Logging/LogCapture.h"
 #include "Platform/Tools/SyncPoint.h"
 #include "tests/Storage/Server/Factories/StorageFixture.h"
+#include "tests/Support/ProtocolBuilders.h"
 #include "tests/Support/SyncPoints.h"
+#include "tests/Support/TestTime.h"
 
+using loopstore::test::At;
+using loopstore::test::kSecond;
+using loopstore::test::PropertyListOf;
 using loopstore::test::Storage;
 using tav::mr::logging::LogCapture;
 
 namespace {
 
-constexpr int64_t kSecond = 1'000'000'000;
 constexpr long kFile = static_cast<long>(Storage::kFileSize);
 
 Protocol::TrackParameters Params(long id, long size) {
@@ -25,22 +29,6 @@ Protocol::TrackParameters Params(long id, long size) {
     p.set_id(id);
     p.set_size(size);
     return p;
-}
-
-Protocol::TimePoint At(int64_t ns) {
-    Protocol::TimePoint tp;
-    tp.set_nanoseconds(ns);
-    return tp;
-}
-
-Protocol::PropertyList Props(std::initializer_list<std::pair<std::string, std::string>> pairs) {
-    Protocol::PropertyList list;
-    for (const auto& [k, v] : pairs) {
-        Protocol::Property* p = list.add_properties();
-        p->set_key(k);
-        p->set_value(v);
-    }
-    return list;
 }
 
 std::map<std::string, std::string> PropsOf(Storage& s, long track) {
@@ -167,16 +155,17 @@ TEST(TrackStorageService, TracksLiveLoopAndDie) {
     EXPECT_GT(Beginning(s, 1), 118 * kSecond);
 
     // Properties.
-    s.Tracks().SetTrackProperties(1, Props({{"name", "door"}, {"site", "north"}}));
-    s.Tracks().SetTrackProperties(1, Props({{"name", "gate"}}));
+    s.Tracks().SetTrackProperties(1, PropertyListOf({{"name", "door"}, {"site", "north"}}));
+    s.Tracks().SetTrackProperties(1, PropertyListOf({{"name", "gate"}}));
     EXPECT_EQ(PropsOf(s, 1),
               (std::map<std::string, std::string>{{"name", "gate"}, {"site", "north"}}));
-    s.Tracks().RemoveTrackProperties(1, Props({{"site", ""}, {"nope", ""}}));
+    s.Tracks().RemoveTrackProperties(1, PropertyListOf({{"site", ""}, {"nope", ""}}));
     EXPECT_EQ(PropsOf(s, 1), (std::map<std::string, std::string>{{"name", "gate"}}));
-    s.Tracks().SetTrackProperties(1, Props({{"a", "1"}, {"b", "2"}}));
-    s.Tracks().RemoveTrackProperties(1, Props({{"__tav_all__", ""}}));
+    s.Tracks().SetTrackProperties(1, PropertyListOf({{"a", "1"}, {"b", "2"}}));
+    s.Tracks().RemoveTrackProperties(1, PropertyListOf({{"__tav_all__", ""}}));
     EXPECT_TRUE(PropsOf(s, 1).empty());
-    EXPECT_THROW(s.Tracks().SetTrackProperties(99, Props({{"a", "1"}})), std::runtime_error);
+    EXPECT_THROW(s.Tracks().SetTrackProperties(99, PropertyListOf({{"a", "1"}})),
+                 std::runtime_error);
 
     // Track infos and workers.
     Protocol::Ids ids;
@@ -274,7 +263,7 @@ TEST(TrackStorageService, ARestartFindsEverythingAsItWas) {
     long first = 0, second = 0;
     s.Tracks().Protect(2, At(0), At(kSecond), first);
     s.Tracks().Protect(2, At(4 * kSecond), At(kSecond), second);
-    s.Tracks().SetTrackProperties(5, Props({{"codec", "h264"}}));
+    s.Tracks().SetTrackProperties(5, PropertyListOf({{"codec", "h264"}}));
     const long remaining = Remaining(s);
 
     s.Restart();
@@ -321,7 +310,7 @@ TEST(TrackStorageService, InterruptedMovesAreFinishedAtTheNextStart) {
     ExpectFilesConserved(s);
 
     // A deletion stopped midway: the next start finishes it.
-    s.Tracks().SetTrackProperties(4, Props({{"k", "v"}}));
+    s.Tracks().SetTrackProperties(4, PropertyListOf({{"k", "v"}}));
     s.Factory().GetPool()->StopMovingFiles(1);
     s.Tracks().DeleteTrack(4, answer);
     LogCapture log("LoopRecordingFactory");

@@ -7,11 +7,13 @@
 #include <string>
 
 #include "tests/Storage/Server/Factories/StorageFixture.h"
+#include "tests/Support/TestTime.h"
+
+using loopstore::test::kSecond;
 
 namespace loopstore::test {
 namespace {
 
-constexpr int64_t kSecond = 1'000'000'000;
 // Three such chunks fill a file of the fixture.
 constexpr size_t kPayload = 20000;
 

@@ -31,12 +31,6 @@ void TrackIo::Restart() {
     caches_ = std::make_unique<ChunkCacheManager>();
 }
 
-Protocol::TimePoint At(int64_t ns) {
-    Protocol::TimePoint tp;
-    tp.set_nanoseconds(ns);
-    return tp;
-}
-
 std::string PayloadFor(int64_t tpNs, size_t payloadSize) {
     std::string payload(payloadSize, '\0');
     uint64_t x = static_cast<uint64_t>(tpNs) * 6364136223846793005ULL + 1442695040888963407ULL;

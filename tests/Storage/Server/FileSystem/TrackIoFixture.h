@@ -8,7 +8,9 @@
 #include "Storage/Indexes/Ram/ChunkCacheManager.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
 #include "Storage/Indexes/Ram/NoChunkProtectionFactory.h"
+#include "tests/Support/ProtocolBuilders.h"
 #include "tests/Support/TempDir.h"
+#include "tests/Support/TestTime.h"
 
 namespace loopstore::test {
 
@@ -39,10 +41,6 @@ class TrackIo {
     std::unique_ptr<LoopRecordingFileManagers> managers_;
     std::unique_ptr<ChunkCacheManager> caches_;
 };
-
-constexpr int64_t kSecond = 1'000'000'000;
-
-Protocol::TimePoint At(int64_t ns);
 
 // The chunk a test writes at `tp`: its payload and properties are a
 // function of the time point, so any reader can check what it gets.

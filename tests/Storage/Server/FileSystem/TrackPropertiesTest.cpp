@@ -7,21 +7,13 @@
 
 #include "Storage/Server/FileSystem/TrackPropertiesCache.h"
 #include "Storage/Server/FileSystem/TrackPropertyLimits.h"
+#include "tests/Support/ProtocolBuilders.h"
 #include "tests/Support/TempDir.h"
 
+using loopstore::test::PropertyListOf;
 using loopstore::test::TempDir;
 
 namespace {
-
-Protocol::PropertyList List(std::initializer_list<std::pair<std::string, std::string>> pairs) {
-    Protocol::PropertyList list;
-    for (const auto& [key, value] : pairs) {
-        Protocol::Property* property = list.add_properties();
-        property->set_key(key);
-        property->set_value(value);
-    }
-    return list;
-}
 
 std::string Refusal(TrackPropertiesCache& cache, const Protocol::PropertyList& list) {
     try {
@@ -44,17 +36,17 @@ TEST(TrackProperties, LimitsAreCheckedBeforeAnythingIsStored) {
     cache.Open(dir.Path());
     const std::string maxKey(TrackPropertyLimits::kMaxKeyBytes, 'k');
     const std::string maxValue(TrackPropertyLimits::kMaxValueBytes, 'v');
-    cache.Set(4, List({{"caméra", "日本"}, {maxKey, maxValue}}));
+    cache.Set(4, PropertyListOf({{"caméra", "日本"}, {maxKey, maxValue}}));
     EXPECT_EQ(Count(cache), 2);
 
     // The first good pair of each list is not stored either.
-    EXPECT_EQ(Refusal(cache, List({{"a", "1"}, {maxKey + "k", "v"}})),
+    EXPECT_EQ(Refusal(cache, PropertyListOf({{"a", "1"}, {maxKey + "k", "v"}})),
               "T4: a property key takes 1025 bytes, more than 1024");
-    EXPECT_EQ(Refusal(cache, List({{"a", "1"}, {"b", maxValue + "v"}})),
+    EXPECT_EQ(Refusal(cache, PropertyListOf({{"a", "1"}, {"b", maxValue + "v"}})),
               "T4: the value of property <b> takes 65537 bytes, more than 65536");
-    EXPECT_EQ(Refusal(cache, List({{"a", "1"}, {"\xc3\x28", "v"}})),
+    EXPECT_EQ(Refusal(cache, PropertyListOf({{"a", "1"}, {"\xc3\x28", "v"}})),
               "T4: a property key is not valid UTF-8");
-    EXPECT_EQ(Refusal(cache, List({{"a", "1"}, {"b", "\xed\xa0\x80"}})),
+    EXPECT_EQ(Refusal(cache, PropertyListOf({{"a", "1"}, {"b", "\xed\xa0\x80"}})),
               "T4: the value of property <b> is not valid UTF-8");
     EXPECT_EQ(Count(cache), 2);
 
@@ -72,8 +64,8 @@ TEST(TrackProperties, LimitsAreCheckedBeforeAnythingIsStored) {
     cache.Set(4, many);
     EXPECT_EQ(Count(cache), 255);
     // Replacing a value counts the new one only.
-    cache.Set(4, List({{"p0", "small"}}));
-    cache.Set(4, List({{"p1", maxValue}}));
+    cache.Set(4, PropertyListOf({{"p0", "small"}}));
+    cache.Set(4, PropertyListOf({{"p1", maxValue}}));
 }
 
 }  // namespace
