@@ -3,10 +3,12 @@
 #include <utility>
 
 #include "Platform/Plexa/Converter.h"
+#include "Platform/Tools/MutexLock.h"
 
 namespace loopstore::cli {
 
 using Moreld::Plexa::Converter;
+using Moreld::Tools::MutexLock;
 
 namespace {
 
@@ -33,7 +35,7 @@ ChunkBuffer::ChunkBuffer(uint64_t maxBytes) : maxBytes_(maxBytes) {}
 bool ChunkBuffer::Push(Protocol::Chunk chunk) {
     auto shared = std::make_shared<const Protocol::Chunk>(std::move(chunk));
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         if (failed_)
             return false;
         bytes_ += shared->data().size();
@@ -60,14 +62,14 @@ void ChunkBuffer::DropOldest() {
 
 void ChunkBuffer::Close(std::chrono::steady_clock::time_point drainBy) {
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         drainBy_ = drainBy;
     }
     changed_.notify_all();
 }
 
 void ChunkBuffer::Fail() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     failed_ = true;
 }
 
@@ -76,7 +78,7 @@ bool ChunkBuffer::DrainOver() const {
 }
 
 ChunkBuffer::ChunkPtr ChunkBuffer::NextToSend() {
-    std::unique_lock lock(mutex_);
+    MutexLock lock(mutex_);
     while (sent_ == chunks_.size()) {
         if (drainBy_)
             return nullptr;
@@ -86,14 +88,14 @@ ChunkBuffer::ChunkPtr ChunkBuffer::NextToSend() {
 }
 
 void ChunkBuffer::MarkSent(const ChunkPtr& chunk) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     // The chunk may have been dropped meanwhile; then it is not the next one.
     if (sent_ < chunks_.size() && chunks_[sent_] == chunk)
         ++sent_;
 }
 
 void ChunkBuffer::Confirm(TimePoint storedEnd, bool resend) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     while (!chunks_.empty() && Start(*chunks_.front()) < storedEnd) {
         if (sent_ == 0 && !resend)
             break;  // never sent on this stream: it cannot be stored
@@ -107,7 +109,7 @@ void ChunkBuffer::Confirm(TimePoint storedEnd, bool resend) {
 }
 
 void ChunkBuffer::ConfirmAllSent() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     for (; sent_ > 0; --sent_) {
         bytes_ -= chunks_.front()->data().size();
         chunks_.pop_front();
@@ -116,31 +118,34 @@ void ChunkBuffer::ConfirmAllSent() {
 }
 
 bool ChunkBuffer::Wait(std::chrono::milliseconds delay) {
-    std::unique_lock lock(mutex_);
+    MutexLock lock(mutex_);
     auto until = std::chrono::steady_clock::now() + delay;
     if (drainBy_ && *drainBy_ < until)
         until = *drainBy_;
-    changed_.wait_until(lock, until, [&] { return DrainOver(); });
+    // A loop rather than a predicate: the analysis cannot see the lock
+    // held inside a lambda.
+    while (!DrainOver() && changed_.wait_until(lock, until) == std::cv_status::no_timeout) {
+    }
     return !DrainOver();
 }
 
 uint64_t ChunkBuffer::Confirmed() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return confirmed_;
 }
 
 uint64_t ChunkBuffer::Unsent() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return chunks_.size() - sent_;
 }
 
 ChunkBuffer::Dropped ChunkBuffer::TakeDropped() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return std::exchange(recent_, Dropped());
 }
 
 ChunkBuffer::Dropped ChunkBuffer::TotalDropped() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return total_;
 }
 

@@ -5,12 +5,13 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "Platform/Protocol/Protocol.pb.h"
 #include "Platform/Time/TimePoint.h"
+#include "Platform/Tools/Mutex.h"
+#include "Platform/Tools/ThreadAnnotations.h"
 
 namespace loopstore::cli {
 
@@ -67,20 +68,21 @@ class ChunkBuffer {
     Dropped TotalDropped() const;
 
   private:
-    bool DrainOver() const;
-    void DropOldest();
+    bool DrainOver() const REQUIRES(mutex_);
+    void DropOldest() REQUIRES(mutex_);
 
     const uint64_t maxBytes_;
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<ChunkPtr> chunks_;
-    size_t sent_ = 0;  // the first sent_ chunks went into the current stream
-    uint64_t bytes_ = 0;
-    uint64_t confirmed_ = 0;
-    Dropped recent_;
-    Dropped total_;
-    std::optional<std::chrono::steady_clock::time_point> drainBy_;
-    bool failed_ = false;
+    mutable Moreld::Tools::Mutex mutex_;
+    std::condition_variable_any changed_;
+    std::deque<ChunkPtr> chunks_ GUARDED_BY(mutex_);
+    // The first sent_ chunks went into the current stream.
+    size_t sent_ GUARDED_BY(mutex_) = 0;
+    uint64_t bytes_ GUARDED_BY(mutex_) = 0;
+    uint64_t confirmed_ GUARDED_BY(mutex_) = 0;
+    Dropped recent_ GUARDED_BY(mutex_);
+    Dropped total_ GUARDED_BY(mutex_);
+    std::optional<std::chrono::steady_clock::time_point> drainBy_ GUARDED_BY(mutex_);
+    bool failed_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace loopstore::cli

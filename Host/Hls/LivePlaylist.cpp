@@ -1,6 +1,7 @@
 #include "Host/Hls/LivePlaylist.h"
 
 #include "Host/Hls/PlaylistWriter.h"
+#include "Platform/Tools/MutexLock.h"
 
 namespace loopstore::hls {
 
@@ -30,7 +31,7 @@ std::string LivePlaylist::Write(long trackId, const Protocol::ChunkSpans& tail) 
 }
 
 uint64_t LivePlaylist::Number(long trackId, const Protocol::ChunkSpans& window) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     std::map<uint64_t, uint64_t>& known = numbers_[trackId];
     uint64_t number = 0;
     const auto seen = known.find(window.chunks(0).sequence());

@@ -2,10 +2,11 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 
 #include "Platform/Protocol/Protocol.pb.h"
+#include "Platform/Tools/Mutex.h"
+#include "Platform/Tools/ThreadAnnotations.h"
 
 namespace loopstore::hls {
 
@@ -40,10 +41,10 @@ class LivePlaylist {
     // remembers those of all its segments.
     uint64_t Number(long trackId, const Protocol::ChunkSpans& window);
 
-    std::mutex mutex_;
+    Moreld::Tools::Mutex mutex_;
     // Per track: chunk sequence -> discontinuity sequence number, for the
     // segments of the last window written.
-    std::map<long, std::map<uint64_t, uint64_t>> numbers_;
+    std::map<long, std::map<uint64_t, uint64_t>> numbers_ GUARDED_BY(mutex_);
 };
 
 }  // namespace loopstore::hls

@@ -8,6 +8,7 @@
 
 #include "Host/Http/HttpSession.h"
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/MutexLock.h"
 
 namespace loopstore::host {
 
@@ -83,7 +84,7 @@ void HttpServer::Accept() {
 void HttpServer::Open(tcp::socket socket) {
     auto session = std::make_shared<HttpSession>(std::move(socket), handler_, options_);
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        Moreld::Tools::MutexLock lock(mutex_);
         if (stopping_)
             return;  // the socket closes with the session
         std::erase_if(sessions_, [](const auto& s) { return s.expired(); });
@@ -95,7 +96,7 @@ void HttpServer::Open(tcp::socket socket) {
 void HttpServer::CloseAll() {
     std::vector<std::weak_ptr<HttpSession>> sessions;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        Moreld::Tools::MutexLock lock(mutex_);
         stopping_ = true;
         sessions.swap(sessions_);
     }
@@ -122,7 +123,10 @@ void HttpServer::Stop() {
     acceptor_.reset();
     io_.reset();
     port_ = 0;
-    stopping_ = false;
+    {
+        Moreld::Tools::MutexLock lock(mutex_);
+        stopping_ = false;
+    }
     MR_LOG(logger_, 30, "HTTP stopped");
 }
 

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -14,6 +13,8 @@
 
 #include "Host/Http/HttpMessage.h"
 #include "Platform/Logging/Logger.h"
+#include "Platform/Tools/Mutex.h"
+#include "Platform/Tools/ThreadAnnotations.h"
 
 namespace loopstore::host {
 
@@ -76,9 +77,9 @@ class HttpServer {
     std::optional<boost::asio::ip::tcp::acceptor> acceptor_;
     std::vector<std::thread> threads_;
     int port_ = 0;
-    std::mutex mutex_;  // guards stopping_ and sessions_
-    bool stopping_ = false;
-    std::vector<std::weak_ptr<HttpSession>> sessions_;
+    Moreld::Tools::Mutex mutex_;
+    bool stopping_ GUARDED_BY(mutex_) = false;
+    std::vector<std::weak_ptr<HttpSession>> sessions_ GUARDED_BY(mutex_);
     tav::mr::logging::Logger logger_;
 };
 

@@ -21,6 +21,7 @@
 #include "Host/Rpc/WireConstants.h"
 #include "Host/Server/CallMetrics.h"
 #include "Platform/Logging/LoggingManager.h"
+#include "Platform/Tools/MutexLock.h"
 
 namespace loopstore::host {
 
@@ -129,7 +130,7 @@ LoopstoreServer::~LoopstoreServer() {
 }
 
 void LoopstoreServer::Start() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     if (server_)
         throw std::runtime_error("Server already listening on port " + std::to_string(port_));
     try {
@@ -227,7 +228,7 @@ void LoopstoreServer::ListenHttp(const std::string& token) {
 }
 
 void LoopstoreServer::Stop() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Moreld::Tools::MutexLock lock(mutex_);
     if (!server_)
         return;
     MR_LOG(logger_, 30, "Stopping: no new calls, open streams end");

@@ -4,7 +4,6 @@
 #include <grpcpp/server_builder.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "Host/Server/CallGuard.h"
@@ -19,6 +18,7 @@
 #include "Host/Server/TrackWriterRpc.h"
 #include "Platform/Logging/Logger.h"
 #include "Platform/Services/Service.h"
+#include "Platform/Tools/Mutex.h"
 #include "Storage/Server/Factories/LoopRecordingFileFactory.h"
 
 namespace loopstore::host {
@@ -69,7 +69,7 @@ class LoopstoreServer {
     void LogCacheUsage();
 
     const ServerOptions options_;
-    std::mutex mutex_;  // serialises Start and Stop
+    Moreld::Tools::Mutex mutex_;  // serialises Start and Stop
     int port_ = 0;
     // Destroyed in reverse order: the gRPC server first (no handler runs
     // after it), the storage factory last.

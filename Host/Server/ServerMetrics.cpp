@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <iterator>
-#include <mutex>
 #include <vector>
+
+#include "Platform/Tools/ReaderLock.h"
+#include "Platform/Tools/WriterLock.h"
 
 namespace loopstore::host {
 
@@ -20,12 +22,12 @@ constexpr const char* kGrpcCodes[] = {
 template <class T>
 T& ServerMetrics::Series<T>::At(const std::string& label) {
     {
-        std::shared_lock<std::shared_mutex> lock(mutex_);
+        Moreld::Tools::ReaderLock<> lock(mutex_);
         const auto it = entries_.find(label);
         if (it != entries_.end())
             return *it->second;
     }
-    std::unique_lock<std::shared_mutex> lock(mutex_);
+    Moreld::Tools::WriterLock<> lock(mutex_);
     auto& entry = entries_[label];
     if (!entry)
         entry = std::make_unique<T>();
@@ -35,7 +37,7 @@ T& ServerMetrics::Series<T>::At(const std::string& label) {
 template <class T>
 template <class F>
 void ServerMetrics::Series<T>::ForEach(F f) const {
-    std::shared_lock<std::shared_mutex> lock(mutex_);
+    Moreld::Tools::ReaderLock<> lock(mutex_);
     for (const auto& [label, value] : entries_)
         f(label, *value);
 }

@@ -6,10 +6,11 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <shared_mutex>
 #include <string>
 
 #include "Host/Http/PrometheusText.h"
+#include "Platform/Tools/SharedMutex.h"
+#include "Platform/Tools/ThreadAnnotations.h"
 
 namespace loopstore::host {
 
@@ -58,8 +59,8 @@ class ServerMetrics {
         void ForEach(F f) const;
 
       private:
-        mutable std::shared_mutex mutex_;
-        std::map<std::string, std::unique_ptr<T>> entries_;
+        mutable Moreld::Tools::SharedMutex mutex_;
+        std::map<std::string, std::unique_ptr<T>> entries_ GUARDED_BY(mutex_);
     };
 
     Series<Histogram> grpcLatency_;
