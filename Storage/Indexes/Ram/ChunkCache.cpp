@@ -157,9 +157,18 @@ void ChunkCache::Clear() {
     handled_.clear();
     chunks_.clear();
     currentSize_ = 0;
-    // A track's cache may have held hundreds of MB in small blocks that the
-    // allocator would otherwise keep for itself.
-    malloc_trim(0);
+    if (ShouldTrimHeap())
+        malloc_trim(0);
+}
+
+// A track's cache may have held hundreds of MB in small blocks that the
+// allocator would otherwise keep for itself. Under a budget the memory of all
+// caches is bounded together and the freed payloads serve the other tracks'
+// next chunks: a trim at every writer's close would walk every arena and
+// unmap page by page (a TLB flush on every core each time) only for the next
+// chunks to fault the pages back in. The last cache to empty trims.
+bool ChunkCache::ShouldTrimHeap() const {
+    return budget_ == nullptr || budget_->GetUsage().bytesInUse == 0;
 }
 
 unsigned long ChunkCache::Weight(unsigned long size) const {

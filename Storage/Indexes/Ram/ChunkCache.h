@@ -90,10 +90,14 @@ class ChunkCache {
     void HandleChunk(TimePoint t, bool remove);
 
     // Drops every chunk and gives the freed memory back to the system. The
-    // bound and its mode are kept.
+    // bound and its mode are kept. Under a budget the memory goes back only
+    // when no cache of the budget holds a chunk any more (see Clear).
     void Clear();
 
   private:
+    // Whether Clear should hand the heap's free pages back to the system.
+    bool ShouldTrimHeap() const;
+
     enum class Eviction { kEvicted, kNothingHandled, kSizeMissing };
 
     // What a chunk of `size` bytes counts for in the current mode.
