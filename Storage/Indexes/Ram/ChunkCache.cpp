@@ -2,12 +2,19 @@
 
 #include <malloc.h>
 
+#include <atomic>
 #include <iterator>
 #include <sstream>
 #include <stdexcept>
 
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Services/StorageErrors.h"
+
+namespace {
+
+std::atomic<uint64_t> heapTrims{0};
+
+}  // namespace
 
 // Invariants: chunks_ and sizes_ hold the same keys; keys only grow with each
 // insertion; currentSize_ is the sum of sizes_ in Bytes mode and the number of
@@ -157,9 +164,27 @@ void ChunkCache::Clear() {
     handled_.clear();
     chunks_.clear();
     currentSize_ = 0;
-    // A track's cache may have held hundreds of MB in small blocks that the
-    // allocator would otherwise keep for itself.
-    malloc_trim(0);
+    if (ShouldTrimHeap()) {
+        malloc_trim(0);
+        ++heapTrims;
+    }
+}
+
+uint64_t ChunkCache::GetHeapTrimCount() {
+    return heapTrims.load();
+}
+
+// A track's cache may have held hundreds of MB in small blocks that the
+// allocator would otherwise keep for itself. Under a budget with a limit the
+// memory of all caches is bounded together and the freed payloads serve the
+// other tracks' next chunks: a trim at every writer's close would walk every
+// arena and unmap page by page (a TLB flush on every core each time) only for
+// the next chunks to fault the pages back in. The last cache to empty trims.
+bool ChunkCache::ShouldTrimHeap() const {
+    if (budget_ == nullptr)
+        return true;
+    const CacheBudget::Usage usage = budget_->GetUsage();
+    return usage.limit == 0 || usage.bytesInUse == 0;
 }
 
 unsigned long ChunkCache::Weight(unsigned long size) const {

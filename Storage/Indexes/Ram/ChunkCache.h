@@ -90,10 +90,16 @@ class ChunkCache {
     void HandleChunk(TimePoint t, bool remove);
 
     // Drops every chunk and gives the freed memory back to the system. The
-    // bound and its mode are kept.
+    // bound and its mode are kept. Under a budget with a limit the memory
+    // goes back only when no cache of the budget holds a chunk any more.
     void Clear();
+    // How many times Clear gave the heap back to the system, in this process.
+    static uint64_t GetHeapTrimCount();
 
   private:
+    // Whether Clear should hand the heap's free pages back to the system.
+    bool ShouldTrimHeap() const;
+
     enum class Eviction { kEvicted, kNothingHandled, kSizeMissing };
 
     // What a chunk of `size` bytes counts for in the current mode.

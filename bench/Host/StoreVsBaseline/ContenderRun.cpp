@@ -30,8 +30,8 @@ double Ratio(uint64_t bytes, uint64_t payload) {
 }  // namespace
 
 ContenderRun::ContenderRun(const Workload& workload, const LookupPlan& plan,
-                           const ProcessProbe& probe)
-    : workload_(workload), plan_(plan), probe_(probe) {}
+                           const ProcessProbe& probe, bool ingestOnly)
+    : workload_(workload), plan_(plan), probe_(probe), ingestOnly_(ingestOnly) {}
 
 Figures ContenderRun::Run(Contender& contender) {
     Figures figures;
@@ -41,6 +41,10 @@ Figures ContenderRun::Run(Contender& contender) {
         contender.Prepare();
         figures.prepareSeconds = SecondsSince(start);
         Ingest(contender, figures);
+        if (ingestOnly_) {
+            contender.Close();
+            return figures;
+        }
         ProcessProbe::ResetPeakRss();
         start = Clock::now();
         Lookups(contender, figures);

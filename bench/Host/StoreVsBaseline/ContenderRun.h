@@ -22,7 +22,9 @@ namespace loopstore::bench {
 // starts. Failures of the contender propagate (the contender is closed).
 class ContenderRun {
   public:
-    ContenderRun(const Workload& workload, const LookupPlan& plan, const ProcessProbe& probe);
+    // `ingestOnly`: stop after ingest (for profiling it alone).
+    ContenderRun(const Workload& workload, const LookupPlan& plan, const ProcessProbe& probe,
+                 bool ingestOnly = false);
 
     Figures Run(Contender& contender);
 
@@ -48,6 +50,7 @@ class ContenderRun {
     const Workload& workload_;
     const LookupPlan& plan_;
     const ProcessProbe& probe_;
+    const bool ingestOnly_;
 };
 
 }  // namespace loopstore::bench

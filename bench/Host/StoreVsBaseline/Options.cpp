@@ -54,6 +54,10 @@ Options Options::Parse(int argc, char** argv) {
     std::string grpcWindow = std::to_string(host::ServerOptions::kDefaultStreamWindowBytes);
     app.add_option("--grpc-window", grpcWindow,
                    "The gRPC server's receive window per stream (0: gRPC grows it)");
+    app.add_option("--contender", options.contenders,
+                   "Run only this side, for profiling: baseline, loopstore or all")
+        ->check(CLI::IsMember({"baseline", "loopstore", "all"}));
+    app.add_flag("--ingest-only", options.ingestOnly, "Measure ingest only: no lookups, no scans");
     bool noGrpc = false;
     app.add_flag("--no-grpc", noGrpc, "Skip the ingest through the gRPC server");
     try {

@@ -22,6 +22,11 @@ struct Options {
     bool compareDefaults = false;
     uint64_t lookups = 2000;
     bool grpc = true;
+    // Profiling one side: "baseline", "loopstore" or both ("all"); without
+    // the baseline the first column is loopstore's and there are no ratios.
+    std::string contenders = "all";
+    // Stop after ingest: no lookups, no scans.
+    bool ingestOnly = false;
 
     // Parses argv; prints the help and exits 0 on --help, prints the error
     // and exits non-zero on a bad option.

@@ -66,10 +66,14 @@ void PrintConditions(const fs::path& dir, const ProcessProbe& probe) {
 std::vector<Figures> RunWorkload(const Options& options, const Workload& workload,
                                  const fs::path& dir, const ProcessProbe& probe) {
     const LookupPlan plan = LookupPlan::For(workload, options.lookups);
-    ContenderRun run(workload, plan, probe);
+    ContenderRun run(workload, plan, probe, options.ingestOnly);
     std::vector<Figures> figures;
-    BaselineStore baseline((dir / "baseline").string(), workload);
-    figures.push_back(run.Run(baseline));
+    if (options.contenders != "loopstore") {
+        BaselineStore baseline((dir / "baseline").string(), workload);
+        figures.push_back(run.Run(baseline));
+    }
+    if (options.contenders == "baseline")
+        return figures;
     StoreContender store("loopstore", (dir / "loopstore").string(), workload,
                          options.cacheMemoryBytes);
     figures.push_back(run.Run(store));
@@ -88,7 +92,7 @@ void RunAll(const Options& options, const fs::path& dir) {
         const std::vector<Figures> figures = RunWorkload(options, workload, dir, probe);
         report.Workload(workload, options.cacheMemoryBytes, figures);
         // The network adds its cost to the first workload's ingest.
-        if (options.grpc && workload.name == "A") {
+        if (options.grpc && workload.name == "A" && figures.size() > 1) {
             GrpcIngest grpc((dir / "grpc").string(), workload, options.cacheMemoryBytes,
                             options.grpcWindowBytes);
             const double mbps = grpc.Run();

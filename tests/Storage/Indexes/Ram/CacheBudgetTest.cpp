@@ -168,3 +168,34 @@ TEST(CacheBudget, ConcurrentWritersStayWithinTheBudget) {
     EXPECT_LE(usage.bytesInUse, kLimit);
     EXPECT_EQ(usage.chunksDropped * 100 + usage.bytesInUse, kTracks * kChunks * 100);
 }
+
+// A writer's close clears its cache. Under a limit the caches' memory is
+// bounded together, so the heap goes back to the system once, when the last
+// cache empties, not at every close (each trim walks every arena and flushes
+// the TLB of every core). Without a limit every clear trims, as it always did.
+TEST(CacheBudget, OnlyTheLastCacheToEmptyTrimsTheHeapUnderALimit) {
+    ChunkCacheManager manager;
+    ThreadedChunkCache& a = *manager.GetChunkCache(1);
+    ThreadedChunkCache& b = *manager.GetChunkCache(2);
+    auto fill = [&] {
+        a.Insert(MakeChunk(0), Ns(0), 100);
+        b.Insert(MakeChunk(0), Ns(0), 100);
+    };
+    uint64_t trims = ChunkCache::GetHeapTrimCount();
+    fill();
+    a.Clear();
+    b.Clear();
+    EXPECT_EQ(ChunkCache::GetHeapTrimCount(), trims + 2);
+
+    manager.GetBudget().SetLimit(1000);
+    trims = ChunkCache::GetHeapTrimCount();
+    fill();
+    a.Clear();  // b still holds a chunk
+    EXPECT_EQ(ChunkCache::GetHeapTrimCount(), trims);
+    EXPECT_EQ(manager.GetBudget().GetUsage().bytesInUse, 100u);
+    b.Clear();
+    EXPECT_EQ(ChunkCache::GetHeapTrimCount(), trims + 1);
+    EXPECT_EQ(manager.GetBudget().GetUsage().bytesInUse, 0u);
+    a.Clear();  // already empty: nothing is held anywhere
+    EXPECT_EQ(ChunkCache::GetHeapTrimCount(), trims + 2);
+}
