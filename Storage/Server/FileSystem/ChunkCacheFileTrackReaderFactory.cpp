@@ -8,8 +8,8 @@ ChunkCacheFileTrackReaderFactory::ChunkCacheFileTrackReaderFactory(
     : factory_{managers, caches, directories, &monitoring, std::move(description)} {}
 
 MoreldStorageApi::ITrackReader* ChunkCacheFileTrackReaderFactory::Create(const long& trackId) {
-    return factory_
-        .Create<ChunkCacheTrackReader>(trackId, WorkerType::Reader,
-                                       "ChunkCacheFileTrackReaderFactory", "reader")
-        .release();
+    std::unique_ptr<ChunkCacheTrackReader> reader = factory_.Create<ChunkCacheTrackReader>(
+        trackId, WorkerType::Reader, "ChunkCacheFileTrackReaderFactory", "reader");
+    reader->ShareOpenFiles(openFiles_.For(trackId));
+    return reader.release();
 }
