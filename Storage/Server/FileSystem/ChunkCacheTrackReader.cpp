@@ -107,6 +107,8 @@ void ChunkCacheTrackReader::ReadRecord(const FileSystem::Chunk& chunk,
                                 chunk.location.size);
     } catch (...) {
         files_->Forget(*file);
+        fileReader_.reset();
+        fileReaderFile_ = nullptr;
         throw;
     }
 }

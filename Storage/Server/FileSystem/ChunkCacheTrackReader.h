@@ -4,6 +4,7 @@
 #include <set>
 #include <string>
 
+#include "Platform/File/DataChunkFileReader.h"
 #include "Platform/Logging/Logger.h"
 #include "Platform/Plexa/DataChunk.h"
 #include "Platform/Services/ITrackReader.h"
@@ -75,6 +76,7 @@ class ChunkCacheTrackReader : public MoreldStorageApi::ITrackReader {
                     Moreld::Plexa::DataChunk& data);
     // This reader's reader of `file`: the last one again when it reads the
     // same file (its buffers and layout guesses are kept), else a new one.
+    // It keeps that one file open, even once the track's files let it go.
     Moreld::File::DataChunkFileReader& ReaderOf(
         const std::shared_ptr<Moreld::File::SharedChunkFile>& file);
     void Step(Direction direction, const char* name, const Protocol::TimePoint& t,
