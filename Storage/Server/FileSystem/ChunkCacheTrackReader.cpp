@@ -94,14 +94,14 @@ void ChunkCacheTrackReader::GetChunk(const FileSystem::Chunk& chunk,
 }
 
 // Files only move by rename and their numbers are unique, so a kept
-// descriptor reads the file the name stands for; after a failure it is let
+// descriptor reads the file the index names; after a failure it is let
 // go all the same, and the next read starts from a fresh one.
 void ChunkCacheTrackReader::ReadRecord(const FileSystem::Chunk& chunk,
                                        const std::set<std::string>& keys,
                                        Moreld::Plexa::DataChunk& data) {
-    const std::string name = chunk.location.file.GetAbsoluteFileName(trackDirectory_, false);
     bool opened = false;
-    const std::shared_ptr<Moreld::File::SharedChunkFile> file = files_->Get(name, opened);
+    const std::shared_ptr<Moreld::File::SharedChunkFile> file =
+        files_->Get(chunk.location.file, trackDirectory_, opened);
     try {
         ReaderOf(file).GetChunk(data, chunk.location.offset, keys, chunk.timepoint,
                                 chunk.location.size);

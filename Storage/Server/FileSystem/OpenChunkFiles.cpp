@@ -11,19 +11,21 @@ OpenChunkFiles::OpenChunkFiles(size_t capacity) : capacity_(std::max<size_t>(cap
     entries_.reserve(capacity_);
 }
 
-std::shared_ptr<SharedChunkFile> OpenChunkFiles::Get(const std::string& fileName, bool& opened) {
+std::shared_ptr<SharedChunkFile> OpenChunkFiles::Get(const ChunkFile& chunkFile,
+                                                     const std::string& root, bool& opened) {
+    const long number = chunkFile.GetFileNumber();
     {
         Moreld::Tools::MutexLock lock(mutex_);
-        if (std::shared_ptr<SharedChunkFile> kept = Find(fileName)) {
+        if (std::shared_ptr<SharedChunkFile> kept = Find(number)) {
             opened = false;
             return kept;
         }
     }
     // Opened before anything is let go: a failed open keeps what is kept.
-    auto file = std::make_shared<SharedChunkFile>(fileName);
+    auto file = std::make_shared<SharedChunkFile>(chunkFile.GetAbsoluteFileName(root, false));
     std::shared_ptr<SharedChunkFile> evicted;  // closed after the lock is released
     Moreld::Tools::MutexLock lock(mutex_);
-    std::shared_ptr<SharedChunkFile> kept = Keep(fileName, std::move(file), evicted);
+    std::shared_ptr<SharedChunkFile> kept = Keep(number, std::move(file), evicted);
     opened = true;
     return kept;
 }
@@ -42,9 +44,9 @@ size_t OpenChunkFiles::Size() const {
     return entries_.size();
 }
 
-std::shared_ptr<SharedChunkFile> OpenChunkFiles::Find(const std::string& fileName) {
+std::shared_ptr<SharedChunkFile> OpenChunkFiles::Find(long fileNumber) {
     auto found = std::find_if(entries_.begin(), entries_.end(),
-                              [&](const Entry& entry) { return entry.fileName == fileName; });
+                              [&](const Entry& entry) { return entry.fileNumber == fileNumber; });
     if (found == entries_.end()) {
         return nullptr;
     }
@@ -52,16 +54,16 @@ std::shared_ptr<SharedChunkFile> OpenChunkFiles::Find(const std::string& fileNam
     return entries_.front().file;
 }
 
-std::shared_ptr<SharedChunkFile> OpenChunkFiles::Keep(const std::string& fileName,
+std::shared_ptr<SharedChunkFile> OpenChunkFiles::Keep(long fileNumber,
                                                       std::shared_ptr<SharedChunkFile> file,
                                                       std::shared_ptr<SharedChunkFile>& evicted) {
-    if (std::shared_ptr<SharedChunkFile> kept = Find(fileName)) {
+    if (std::shared_ptr<SharedChunkFile> kept = Find(fileNumber)) {
         return kept;  // ours closes as it goes out of scope
     }
     if (entries_.size() == capacity_) {
         evicted = std::move(entries_.back().file);
         entries_.pop_back();
     }
-    entries_.insert(entries_.begin(), Entry{fileName, std::move(file)});
+    entries_.insert(entries_.begin(), Entry{fileNumber, std::move(file)});
     return entries_.front().file;
 }

@@ -8,6 +8,7 @@
 #include "Platform/File/SharedChunkFile.h"
 #include "Platform/Tools/Mutex.h"
 #include "Platform/Tools/ThreadAnnotations.h"
+#include "Storage/Indexes/File/ChunkFile.h"
 
 // The chunk files of one track that its readers keep open between requests,
 // each with the generation read from its header, so that reading a record
@@ -17,7 +18,9 @@
 // opened serves the others. The least recently used file is let go first; it
 // closes when no read holds it any more.
 //
-// An entry is only a cache of a descriptor, keyed by file name: the track's
+// An entry is only a cache of a descriptor, keyed by file number (unique on
+// the volume; a file keeps it when it moves, and its name is only built to
+// open it, not on every read): the track's
 // index alone decides what is read where, and each record is checked against
 // it (time point, size, generation, checksum). A file recycled meanwhile is
 // recognised by the generation of its records (the header is read again); one
@@ -36,11 +39,12 @@ class OpenChunkFiles {
     OpenChunkFiles(const OpenChunkFiles&) = delete;
     OpenChunkFiles& operator=(const OpenChunkFiles&) = delete;
 
-    // The open file `fileName`, opened through the installed Env (outside the
-    // lock) when it is not kept; it becomes the most recently used. `opened`
-    // tells whether this call opened it. Throws what opening throws, keeping
-    // nothing new.
-    std::shared_ptr<Moreld::File::SharedChunkFile> Get(const std::string& fileName, bool& opened);
+    // The open file `file`, opened under `root` through the installed Env
+    // (outside the lock) when it is not kept; it becomes the most recently
+    // used. `opened` tells whether this call opened it. Throws what opening
+    // throws, keeping nothing new.
+    std::shared_ptr<Moreld::File::SharedChunkFile> Get(const ChunkFile& file,
+                                                       const std::string& root, bool& opened);
     // Lets `file` go if it is still the entry of its name: after a failed
     // read, so that the next one starts from a fresh descriptor and header.
     // An entry another reader opened since is kept.
@@ -50,18 +54,17 @@ class OpenChunkFiles {
 
   private:
     struct Entry {
-        std::string fileName;
+        long fileNumber;
         std::shared_ptr<Moreld::File::SharedChunkFile> file;
     };
 
-    // The entry of `fileName` made most recently used; null when not kept.
-    std::shared_ptr<Moreld::File::SharedChunkFile> Find(const std::string& fileName)
-        REQUIRES(mutex_);
-    // Keeps `file` unless another reader kept the same name meanwhile; the
+    // The entry of `fileNumber` made most recently used; null when not kept.
+    std::shared_ptr<Moreld::File::SharedChunkFile> Find(long fileNumber) REQUIRES(mutex_);
+    // Keeps `file` unless another reader kept the same number meanwhile; the
     // one kept. The entry let go for it goes to `evicted`, for the caller to
     // close once the lock is released.
     std::shared_ptr<Moreld::File::SharedChunkFile> Keep(
-        const std::string& fileName, std::shared_ptr<Moreld::File::SharedChunkFile> file,
+        long fileNumber, std::shared_ptr<Moreld::File::SharedChunkFile> file,
         std::shared_ptr<Moreld::File::SharedChunkFile>& evicted) REQUIRES(mutex_);
 
     const size_t capacity_;
