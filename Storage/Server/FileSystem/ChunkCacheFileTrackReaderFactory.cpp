@@ -4,8 +4,9 @@
 
 ChunkCacheFileTrackReaderFactory::ChunkCacheFileTrackReaderFactory(
     LoopRecordingFileManagers& managers, ChunkCacheManager& caches, DirectoryHandler& directories,
-    Monitoring& monitoring, std::string description)
-    : factory_{managers, caches, directories, &monitoring, std::move(description)} {}
+    Monitoring& monitoring, OpenChunkFilesRegistry& openFiles, std::string description)
+    : factory_{managers, caches, directories, &monitoring, std::move(description)},
+      openFiles_(openFiles) {}
 
 MoreldStorageApi::ITrackReader* ChunkCacheFileTrackReaderFactory::Create(const long& trackId) {
     std::unique_ptr<ChunkCacheTrackReader> reader = factory_.Create<ChunkCacheTrackReader>(

@@ -11,14 +11,14 @@
 #include "Storage/Server/Monitoring.h"
 
 // Creates the host's track readers, one per client request; the readers of
-// one track share its open chunk files. Refers to the storage's registries
-// and monitoring (owned by the service factory, which outlives it). Safe
-// from any thread.
+// one track share its open chunk files. Refers to the storage's registries,
+// monitoring and open files (owned by the service factory, which outlives
+// it). Safe from any thread.
 class ChunkCacheFileTrackReaderFactory : public MoreldStorageApi::ITrackReaderFactory {
   public:
     ChunkCacheFileTrackReaderFactory(LoopRecordingFileManagers& managers, ChunkCacheManager& caches,
                                      DirectoryHandler& directories, Monitoring& monitoring,
-                                     std::string description);
+                                     OpenChunkFilesRegistry& openFiles, std::string description);
 
     // A new reader on an existing track, registered in the monitoring; the
     // caller owns it. Throws std::runtime_error for an unknown track.
@@ -26,5 +26,5 @@ class ChunkCacheFileTrackReaderFactory : public MoreldStorageApi::ITrackReaderFa
 
   private:
     WorkerFactory factory_;
-    OpenChunkFilesRegistry openFiles_;
+    OpenChunkFilesRegistry& openFiles_;
 };

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -101,7 +102,43 @@ void ExpectFilesConserved(Storage& s) {
     EXPECT_TRUE(s.Factory().GetPool()->IsStateCoherent());
 }
 
+// Descriptors of this process open on files under `root`.
+int OpenFilesUnder(const std::string& root) {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        const std::filesystem::path target = std::filesystem::read_symlink(entry.path(), error);
+        if (!error && target.string().rfind(root, 0) == 0)
+            ++count;
+    }
+    return count;
+}
+
 }  // namespace
+
+// Each client request may construct a service of its own; the readers of a
+// track share its open files all the same, and close them with the last one.
+TEST(TrackStorageService, ReadersOfOneTrackShareItsFilesAcrossServices) {
+    Storage s(4);
+    const long track = s.CreateTrack(1, 2);
+    Record(s, track, 0, 6);
+    s.Restart();  // the chunks are now read from their files
+    std::unique_ptr<MoreldStorageApi::Service> other(s.Factory().Construct({"storage", "other"}));
+    std::unique_ptr<MoreldStorageApi::ITrackReader> first(s.Readers().Create(track));
+    std::unique_ptr<MoreldStorageApi::ITrackReader> second(
+        other->trackReaderFactory->Create(track));
+    for (MoreldStorageApi::ITrackReader* reader : {first.get(), second.get()}) {
+        Protocol::Chunk out;
+        bool found = false;
+        reader->GetChunk(At(2 * kSecond), Protocol::KeyList(), out, found);
+        ASSERT_TRUE(found);
+        EXPECT_EQ(out.data(), std::string(20000, 'c'));
+    }
+    EXPECT_EQ(OpenFilesUnder(s.TracksDir()), 1);
+    first.reset();
+    second.reset();
+    EXPECT_EQ(OpenFilesUnder(s.TracksDir()), 0);
+}
 
 TEST(TrackStorageService, TracksLiveLoopAndDie) {
     Storage s(20);
