@@ -3,7 +3,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -11,8 +10,10 @@
 #include "Platform/Logging/LogCapture.h"
 #include "Platform/Tools/SyncPoint.h"
 #include "tests/Storage/Server/Factories/StorageFixture.h"
+#include "tests/Support/OpenFiles.h"
 #include "tests/Support/SyncPoints.h"
 
+using loopstore::test::OpenFilesUnder;
 using loopstore::test::Storage;
 using tav::mr::logging::LogCapture;
 
@@ -100,18 +101,6 @@ void ExpectFilesConserved(Storage& s) {
     EXPECT_EQ(Remaining(s) + owned, s.PoolFiles() * kFile);
     EXPECT_EQ(s.FilesInPool(), Remaining(s) / kFile);
     EXPECT_TRUE(s.Factory().GetPool()->IsStateCoherent());
-}
-
-// Descriptors of this process open on files under `root`.
-int OpenFilesUnder(const std::string& root) {
-    int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code error;
-        const std::filesystem::path target = std::filesystem::read_symlink(entry.path(), error);
-        if (!error && target.string().rfind(root, 0) == 0)
-            ++count;
-    }
-    return count;
 }
 
 }  // namespace

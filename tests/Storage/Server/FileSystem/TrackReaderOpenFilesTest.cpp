@@ -12,12 +12,14 @@
 #include "Storage/Server/FileSystem/OpenChunkFilesRegistry.h"
 #include "tests/Storage/Server/FileSystem/TrackIoFixture.h"
 #include "tests/Support/FaultInjectionEnv.h"
+#include "tests/Support/OpenFiles.h"
 #include "tests/Support/TempDir.h"
 
 using loopstore::test::At;
 using loopstore::test::FaultInjectionEnv;
 using loopstore::test::kSecond;
 using loopstore::test::MakeChunkMessage;
+using loopstore::test::OpenFilesUnder;
 using loopstore::test::PayloadFor;
 using loopstore::test::ScopedEnv;
 using loopstore::test::TempDir;
@@ -71,18 +73,6 @@ void ExpectChunk(ChunkCacheTrackReader& reader, int i) {
     EXPECT_TRUE(out.data() == PayloadFor(i * kSecond, kPayload)) << "payload of chunk " << i;
     ASSERT_EQ(out.properties_size(), 1);
     EXPECT_EQ(out.properties(0).value(), "cam-" + std::to_string(i * kSecond % 7));
-}
-
-// Descriptors of this process open on files under `root`.
-int OpenFilesUnder(const std::string& root) {
-    int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code error;
-        const std::filesystem::path target = std::filesystem::read_symlink(entry.path(), error);
-        if (!error && target.string().rfind(root, 0) == 0)
-            ++count;
-    }
-    return count;
 }
 
 }  // namespace
