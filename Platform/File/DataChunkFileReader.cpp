@@ -1,6 +1,5 @@
 #include "Platform/File/DataChunkFileReader.h"
 
-#include <fcntl.h>
 #include <sys/uio.h>
 
 #include <atomic>
@@ -10,7 +9,6 @@
 
 #include "Platform/File/ChunkPropertyBlock.h"
 #include "Platform/File/ChunkRecordChecksum.h"
-#include "Platform/File/Env.h"
 #include "Platform/Logging/LoggingManager.h"
 #include "Platform/Services/StorageErrors.h"
 
@@ -38,7 +36,10 @@ std::string Hex(uint64_t value) {
 }  // namespace
 
 DataChunkFileReader::DataChunkFileReader(const std::string& fileName)
-    : file_(Env::Get().OpenFile(fileName, O_RDONLY, "Cannot open chunk file")),
+    : DataChunkFileReader(std::make_shared<SharedChunkFile>(fileName)) {}
+
+DataChunkFileReader::DataChunkFileReader(std::shared_ptr<SharedChunkFile> file)
+    : file_(std::move(file)),
       fileSize_(file_->Size()),
       propertiesSizeGuess_(propertiesSizeHint.load(std::memory_order_relaxed)) {}
 
@@ -81,15 +82,19 @@ void DataChunkFileReader::Read(Moreld::Plexa::DataChunk& out, uint64_t offset,
 }
 
 uint64_t DataChunkFileReader::FileGeneration(uint64_t offset) {
-    if (!header_.IsValid()) {
-        char bytes[ChunkFileHeader::kSize];
-        const size_t got = file_->ReadAt(bytes, sizeof(bytes), 0);
-        header_ = ChunkFileHeader::Decode(bytes, got);
-        if (!header_.IsValid()) {
-            Fail(offset, "the file has no valid header");
-        }
+    const uint64_t known = file_->KnownGeneration();
+    return known != 0 ? known : ReadFileGeneration(offset);
+}
+
+uint64_t DataChunkFileReader::ReadFileGeneration(uint64_t offset) {
+    char bytes[ChunkFileHeader::kSize];
+    const size_t got = file_->GetFile().ReadAt(bytes, sizeof(bytes), 0);
+    const ChunkFileHeader header = ChunkFileHeader::Decode(bytes, got);
+    if (!header.IsValid()) {
+        Fail(offset, "the file has no valid header");
     }
-    return header_.GetGeneration();
+    file_->SetKnownGeneration(header.GetGeneration());
+    return header.GetGeneration();
 }
 
 // The header is written before the records of its generation, so the header
@@ -100,8 +105,7 @@ uint64_t DataChunkFileReader::Revalidate(uint64_t offset, uint64_t keptGeneratio
     if (recordGeneration == keptGeneration) {
         return keptGeneration;
     }
-    header_ = ChunkFileHeader();
-    return FileGeneration(offset);
+    return ReadFileGeneration(offset);
 }
 
 // With a plausible guess of the record's layout, the header, the property
@@ -112,8 +116,8 @@ ChunkRecordHeader DataChunkFileReader::ReadHeader(uint64_t offset, uint64_t gues
                                                   std::string& payload, bool& bodyRead) {
     // A fresh reader reads the file header first: the record is fetched
     // meanwhile, so a cold lookup waits for one disk read, not two.
-    if (!header_.IsValid() && guessedSize > 0)
-        file_->WillNeed(offset, guessedSize);
+    if (file_->KnownGeneration() == 0 && guessedSize > 0)
+        file_->GetFile().WillNeed(offset, guessedSize);
     uint64_t generation = FileGeneration(offset);
     if (offset > fileSize_ || fileSize_ - offset < sizeof(raw)) {
         Fail(offset,
@@ -131,9 +135,9 @@ ChunkRecordHeader DataChunkFileReader::ReadHeader(uint64_t offset, uint64_t gues
             {properties_.data(), properties_.size()},
             {payload.data(), payload.size()},
         };
-        got = file_->ReadAtV(iov, 3, offset);
+        got = file_->GetFile().ReadAtV(iov, 3, offset);
     } else {
-        got = file_->ReadAt(raw, sizeof(raw), offset);
+        got = file_->GetFile().ReadAt(raw, sizeof(raw), offset);
     }
     if (got < sizeof(raw)) {
         Fail(offset, "end of file inside the record header");
@@ -173,7 +177,7 @@ void DataChunkFileReader::ReadBody(uint64_t offset, const ChunkRecordHeader& hea
         {payload.data(), payload.size()},
     };
     const uint64_t wanted = header.propertiesSize + header.payloadSize;
-    if (file_->ReadAtV(iov, 2, offset + ChunkRecordHeader::kSize) != wanted) {
+    if (file_->GetFile().ReadAtV(iov, 2, offset + ChunkRecordHeader::kSize) != wanted) {
         Fail(offset, "end of file inside the record");
     }
 }

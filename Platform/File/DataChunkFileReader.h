@@ -5,10 +5,10 @@
 #include <string>
 
 #include <memory>
+
 #include "Platform/File/ChunkFileHeader.h"
 #include "Platform/File/ChunkRecordHeader.h"
-
-#include "Platform/File/File.h"
+#include "Platform/File/SharedChunkFile.h"
 #include "Platform/Plexa/DataChunk.h"
 #include "Platform/Time/TimePoint.h"
 
@@ -19,8 +19,9 @@ namespace Moreld::File {
 // handed out: the caller gets the chunk that was written or an exception,
 // never wrong bytes.
 //
-// The file's generation is read with the first record and kept, so that a
-// kept reader reads a record with one system call. Recycling rewrites the
+// The file's generation is read with the first record and kept in the
+// SharedChunkFile, so that a kept file reads a record with one system call,
+// whichever of its readers read the header. Recycling rewrites the
 // header in place with a new generation: a record of another generation than
 // the kept one makes the reader read the header again before it judges the
 // record. A record of the kept generation is taken without looking at the
@@ -28,12 +29,15 @@ namespace Moreld::File {
 // only ask for records it knows the file's current content holds (an index
 // entry of a written chunk); the time point and size it expects are checked.
 //
-// Owns its read-only file descriptor. Not thread-safe (reused buffers).
+// Shares its file (and the descriptor) with other readers, on any thread.
+// Not thread-safe itself (reused buffers).
 class DataChunkFileReader {
   public:
     // Opens `fileName` read-only. Throws std::runtime_error
     // "Cannot open chunk file <name>: <strerror>".
     explicit DataChunkFileReader(const std::string& fileName);
+    // Reads `file`, opened and possibly read by other readers already.
+    explicit DataChunkFileReader(std::shared_ptr<SharedChunkFile> file);
     DataChunkFileReader(const DataChunkFileReader&) = delete;
     DataChunkFileReader& operator=(const DataChunkFileReader&) = delete;
 
@@ -61,7 +65,10 @@ class DataChunkFileReader {
     // Steps of a read; each throws through Fail.
     void Read(Moreld::Plexa::DataChunk& out, uint64_t offset, const std::set<std::string>& keys,
               const Expectation* expected);
+    // The shared file's known generation, read from the header if none is.
     uint64_t FileGeneration(uint64_t offset);
+    // Reads the header and shares its generation.
+    uint64_t ReadFileGeneration(uint64_t offset);
     // Reads the header again when a record of `recordGeneration` disagrees
     // with the kept one (the file was recycled since); the current generation.
     uint64_t Revalidate(uint64_t offset, uint64_t keptGeneration, uint64_t recordGeneration);
@@ -79,9 +86,8 @@ class DataChunkFileReader {
 
     [[noreturn]] void Fail(uint64_t offset, const std::string& what) const;
 
-    std::unique_ptr<File> file_;
-    uint64_t fileSize_;
-    ChunkFileHeader header_;  // kept once valid
+    const std::shared_ptr<SharedChunkFile> file_;
+    const uint64_t fileSize_;
     std::string properties_;  // property block of the last record, reused
     // Layout of the last record read, the guess for the next one.
     uint32_t propertiesSizeGuess_;

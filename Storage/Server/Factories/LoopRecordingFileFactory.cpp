@@ -163,7 +163,8 @@ MoreldStorageApi::Service* LoopRecordingFileFactory::Construct(
     service->SetTrackWriterFactory(std::make_unique<LoopRecordingFileTrackWriterFactory>(
         *managers_, *chunkCacheManager_, *directoryHandler_, *monitoring_, data.clientDescription));
     service->SetTrackReaderFactory(std::make_unique<ChunkCacheFileTrackReaderFactory>(
-        *managers_, *chunkCacheManager_, *directoryHandler_, *monitoring_, data.clientDescription));
+        *managers_, *chunkCacheManager_, *directoryHandler_, *monitoring_, openChunkFiles_,
+        data.clientDescription));
     service->SetTrackRetention(std::make_unique<LoopRecordingTrackRetention>(*trackStorage_));
     service->SetTrackTimeline(std::make_unique<LoopRecordingTrackTimeline>(
         *managers_, *chunkCacheManager_, *monitoring_));

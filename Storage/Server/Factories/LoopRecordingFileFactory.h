@@ -20,6 +20,7 @@
 #include "Storage/Indexes/Ram/IChunkProtectionFactory.h"
 #include "Storage/Indexes/Ram/LoopRecordingFileManagers.h"
 #include "Storage/Server/FileSystem/LoopRecordingCommonTrackStorage.h"
+#include "Storage/Server/FileSystem/OpenChunkFilesRegistry.h"
 #include "Storage/Server/Monitoring.h"
 
 // The entry of the library. The constructor builds the whole storage from
@@ -114,5 +115,7 @@ class LoopRecordingFileFactory : public Moreld::Services::IServiceHandlerFactory
     std::shared_ptr<FilesPool> pool_;
     std::unique_ptr<LoopRecordingCommonTrackStorage> trackStorage_;
     std::unique_ptr<Moreld::Tools::PeriodicThread> upkeepThread_;
+    // What the readers of each track share, whichever service made them.
+    OpenChunkFilesRegistry openChunkFiles_;
     tav::mr::logging::Logger logger_;
 };

@@ -4,12 +4,13 @@
 
 ChunkCacheFileTrackReaderFactory::ChunkCacheFileTrackReaderFactory(
     LoopRecordingFileManagers& managers, ChunkCacheManager& caches, DirectoryHandler& directories,
-    Monitoring& monitoring, std::string description)
-    : factory_{managers, caches, directories, &monitoring, std::move(description)} {}
+    Monitoring& monitoring, OpenChunkFilesRegistry& openFiles, std::string description)
+    : factory_{managers, caches, directories, &monitoring, std::move(description)},
+      openFiles_(openFiles) {}
 
 MoreldStorageApi::ITrackReader* ChunkCacheFileTrackReaderFactory::Create(const long& trackId) {
-    return factory_
-        .Create<ChunkCacheTrackReader>(trackId, WorkerType::Reader,
-                                       "ChunkCacheFileTrackReaderFactory", "reader")
-        .release();
+    std::unique_ptr<ChunkCacheTrackReader> reader = factory_.Create<ChunkCacheTrackReader>(
+        trackId, WorkerType::Reader, "ChunkCacheFileTrackReaderFactory", "reader");
+    reader->ShareOpenFiles(openFiles_.For(trackId));
+    return reader.release();
 }

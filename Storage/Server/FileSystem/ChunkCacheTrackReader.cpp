@@ -11,7 +11,8 @@ ChunkCacheTrackReader::ChunkCacheTrackReader(long trackId, LoopRecordingFileMana
     : trackId_(trackId),
       manager_(manager),
       cache_(cache),
-      logger_(tav::mr::logging::LoggingManager::GetLogger("ChunkCacheTrackReader")) {
+      logger_(tav::mr::logging::LoggingManager::GetLogger("ChunkCacheTrackReader")),
+      files_(std::make_shared<OpenChunkFiles>()) {
     MR_LOG(logger_, 30, "Reader " << this << " created on track " << trackId_);
 }
 
@@ -93,20 +94,32 @@ void ChunkCacheTrackReader::GetChunk(const FileSystem::Chunk& chunk,
 }
 
 // Files only move by rename and their numbers are unique, so a kept
-// descriptor reads the file the name stands for; after a failure it is closed
-// all the same, and the next read starts from a fresh one.
+// descriptor reads the file the index names; after a failure it is let
+// go all the same, and the next read starts from a fresh one.
 void ChunkCacheTrackReader::ReadRecord(const FileSystem::Chunk& chunk,
                                        const std::set<std::string>& keys,
                                        Moreld::Plexa::DataChunk& data) {
-    const std::string name = chunk.location.file.GetAbsoluteFileName(trackDirectory_, false);
     bool opened = false;
-    Moreld::File::DataChunkFileReader& reader = files_.Get(name, opened);
+    const std::shared_ptr<Moreld::File::SharedChunkFile> file =
+        files_->Get(chunk.location.file, trackDirectory_, opened);
     try {
-        reader.GetChunk(data, chunk.location.offset, keys, chunk.timepoint, chunk.location.size);
+        ReaderOf(file).GetChunk(data, chunk.location.offset, keys, chunk.timepoint,
+                                chunk.location.size);
     } catch (...) {
-        files_.Forget(name);
+        files_->Forget(*file);
+        fileReader_.reset();
+        fileReaderFile_ = nullptr;
         throw;
     }
+}
+
+Moreld::File::DataChunkFileReader& ChunkCacheTrackReader::ReaderOf(
+    const std::shared_ptr<Moreld::File::SharedChunkFile>& file) {
+    if (fileReaderFile_ != file.get()) {
+        fileReader_ = std::make_unique<Moreld::File::DataChunkFileReader>(file);
+        fileReaderFile_ = file.get();
+    }
+    return *fileReader_;
 }
 
 void ChunkCacheTrackReader::Step(Direction direction, const char* name,

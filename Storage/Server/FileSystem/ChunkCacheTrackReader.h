@@ -4,6 +4,7 @@
 #include <set>
 #include <string>
 
+#include "Platform/File/DataChunkFileReader.h"
 #include "Platform/Logging/Logger.h"
 #include "Platform/Plexa/DataChunk.h"
 #include "Platform/Services/ITrackReader.h"
@@ -20,11 +21,13 @@
 // that are not the chunk the index names. A chunk in the cache that the
 // index does not know yet is not visible.
 //
-// Keeps the few chunk files it read last open (OpenChunkFiles), so that a
-// record read from a file already read takes one system call.
+// Reads through the track's open chunk files (OpenChunkFiles), shared with
+// the track's other readers once ShareOpenFiles is called (else its own), so
+// that a record read from a file already read takes one system call.
 //
-// Refers to the manager and cache (owned by their registries). Used by one
-// host thread at a time; shares the cache and the index with the writer.
+// Refers to the manager and cache (owned by their registries); shares the
+// open files. Used by one host thread at a time; shares the cache, the index
+// and the open files with other threads.
 class ChunkCacheTrackReader : public MoreldStorageApi::ITrackReader {
   public:
     using TimePoint = Moreld::Time::TimePoint;
@@ -49,6 +52,9 @@ class ChunkCacheTrackReader : public MoreldStorageApi::ITrackReader {
 
     void SetTrackDirectory(const std::string& directory) { trackDirectory_ = directory; }
     void SetMonitoring(Monitoring* monitoring, long workerId);
+    // Reads through `files`, the open files of the track's readers, from now
+    // on. Call before the first read.
+    void ShareOpenFiles(std::shared_ptr<OpenChunkFiles> files) { files_ = std::move(files); }
     // Fetches one indexed chunk's content, from the cache or its file. A
     // record is read into the payload buffer `out` already holds, so a caller
     // that reuses `out` saves an allocation per fetch. File errors (a record
@@ -68,6 +74,11 @@ class ChunkCacheTrackReader : public MoreldStorageApi::ITrackReader {
     // Reads the chunk's record from its file, kept open for the next reads.
     void ReadRecord(const FileSystem::Chunk& chunk, const std::set<std::string>& keys,
                     Moreld::Plexa::DataChunk& data);
+    // This reader's reader of `file`: the last one again when it reads the
+    // same file (its buffers and layout guesses are kept), else a new one.
+    // It keeps that one file open, even once the track's files let it go.
+    Moreld::File::DataChunkFileReader& ReaderOf(
+        const std::shared_ptr<Moreld::File::SharedChunkFile>& file);
     void Step(Direction direction, const char* name, const Protocol::TimePoint& t,
               Protocol::TimePoint& out, bool& found);
 
@@ -79,5 +90,7 @@ class ChunkCacheTrackReader : public MoreldStorageApi::ITrackReader {
     tav::mr::logging::Logger logger_;
     Monitoring* monitoring_ = nullptr;
     long workerId_ = 0;
-    OpenChunkFiles files_;
+    std::shared_ptr<OpenChunkFiles> files_;
+    std::unique_ptr<Moreld::File::DataChunkFileReader> fileReader_;
+    const Moreld::File::SharedChunkFile* fileReaderFile_ = nullptr;  // what fileReader_ reads
 };

@@ -10,12 +10,14 @@
 #include "Platform/Logging/LogCapture.h"
 #include "Platform/Tools/SyncPoint.h"
 #include "tests/Storage/Server/Factories/StorageFixture.h"
+#include "tests/Support/OpenFiles.h"
 #include "tests/Support/ProtocolBuilders.h"
 #include "tests/Support/SyncPoints.h"
 #include "tests/Support/TestTime.h"
 
 using loopstore::test::At;
 using loopstore::test::kSecond;
+using loopstore::test::OpenFilesUnder;
 using loopstore::test::PropertyListOf;
 using loopstore::test::Storage;
 using tav::mr::logging::LogCapture;
@@ -90,6 +92,30 @@ void ExpectFilesConserved(Storage& s) {
 }
 
 }  // namespace
+
+// Each client request may construct a service of its own; the readers of a
+// track share its open files all the same, and close them with the last one.
+TEST(TrackStorageService, ReadersOfOneTrackShareItsFilesAcrossServices) {
+    Storage s(4);
+    const long track = s.CreateTrack(1, 2);
+    Record(s, track, 0, 6);
+    s.Restart();  // the chunks are now read from their files
+    std::unique_ptr<MoreldStorageApi::Service> other(s.Factory().Construct({"storage", "other"}));
+    std::unique_ptr<MoreldStorageApi::ITrackReader> first(s.Readers().Create(track));
+    std::unique_ptr<MoreldStorageApi::ITrackReader> second(
+        other->trackReaderFactory->Create(track));
+    for (MoreldStorageApi::ITrackReader* reader : {first.get(), second.get()}) {
+        Protocol::Chunk out;
+        bool found = false;
+        reader->GetChunk(At(2 * kSecond), Protocol::KeyList(), out, found);
+        ASSERT_TRUE(found);
+        EXPECT_EQ(out.data(), std::string(20000, 'c'));
+    }
+    EXPECT_EQ(OpenFilesUnder(s.TracksDir()), 1);
+    first.reset();
+    second.reset();
+    EXPECT_EQ(OpenFilesUnder(s.TracksDir()), 0);
+}
 
 TEST(TrackStorageService, TracksLiveLoopAndDie) {
     Storage s(20);

@@ -3,19 +3,23 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
 #include "Storage/Server/FileSystem/ChunkCacheTrackReader.h"
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriter.h"
+#include "Storage/Server/FileSystem/OpenChunkFilesRegistry.h"
 #include "tests/Storage/Server/FileSystem/TrackIoFixture.h"
 #include "tests/Support/FaultInjectionEnv.h"
+#include "tests/Support/OpenFiles.h"
 #include "tests/Support/TempDir.h"
 
 using loopstore::test::At;
 using loopstore::test::FaultInjectionEnv;
 using loopstore::test::kSecond;
 using loopstore::test::MakeChunkMessage;
+using loopstore::test::OpenFilesUnder;
 using loopstore::test::PayloadFor;
 using loopstore::test::ScopedEnv;
 using loopstore::test::TempDir;
@@ -71,18 +75,6 @@ void ExpectChunk(ChunkCacheTrackReader& reader, int i) {
     EXPECT_EQ(out.properties(0).value(), "cam-" + std::to_string(i * kSecond % 7));
 }
 
-// Descriptors of this process open on files under `root`.
-int OpenFilesUnder(const std::string& root) {
-    int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code error;
-        const std::filesystem::path target = std::filesystem::read_symlink(entry.path(), error);
-        if (!error && target.string().rfind(root, 0) == 0)
-            ++count;
-    }
-    return count;
-}
-
 }  // namespace
 
 // The reader keeps file 1 open with the header it read; the writer then
@@ -115,13 +107,14 @@ TEST(TrackReaderOpenFiles, AFileRecycledBetweenTwoReadsGivesItsNewChunks) {
     EXPECT_TRUE(io.Manager().CheckInvariant());
 }
 
-// Six one-chunk files: reading four of them over and over opens each once;
-// a fifth closes the least recently used; a read error closes the file it
-// came from, passes to the caller as the file reported it, and the next read
-// opens the file again.
+// One-chunk files, two more than a track keeps open: reading as many as it
+// keeps over and over opens each once; one more lets the least recently used
+// go; a read error closes the file it came from, passes to the caller as the
+// file reported it, and the next read opens the file again.
 TEST(TrackReaderOpenFiles, KeepsAFewFilesOpenAndStartsAfreshAfterAReadError) {
-    TrackIo io(22, 6, FileSize(1));
-    Write(io, 0, 6);
+    constexpr int kKept = static_cast<int>(OpenChunkFiles::kDefaultCapacity);
+    TrackIo io(22, kKept + 2, FileSize(1));
+    Write(io, 0, kKept + 2);
     TempDir scratch;
     FaultInjectionEnv env(scratch / "journal", scratch / "trash");
     ScopedEnv installed(&env);
@@ -131,39 +124,97 @@ TEST(TrackReaderOpenFiles, KeepsAFewFilesOpenAndStartsAfreshAfterAReadError) {
         ChunkCacheTrackReader reader(io.TrackId(), io.Manager(), io.Cache());
         reader.SetTrackDirectory(io.Root());
         for (int round = 0; round < 3; ++round) {
-            for (int i = 0; i < 4; ++i)
+            for (int i = 0; i < kKept; ++i)
                 ExpectChunk(reader, i);
         }
-        EXPECT_EQ(opens() - start, 4u);
-        EXPECT_EQ(OpenFilesUnder(io.Root()), 4);
+        EXPECT_EQ(opens() - start, uint64_t{kKept});
+        EXPECT_EQ(OpenFilesUnder(io.Root()), kKept);
 
-        // Five files in turn through four places: the fifth closes the least
-        // recently used, and from then on every read opens.
+        // One file more than there are places, in turn: each new one lets the
+        // least recently used go, and from then on every read opens.
         for (int round = 0; round < 2; ++round) {
-            for (int i = 0; i < 5; ++i) {
+            for (int i = 0; i <= kKept; ++i) {
                 ExpectChunk(reader, i);
-                EXPECT_LE(OpenFilesUnder(io.Root()), 4);
+                EXPECT_LE(OpenFilesUnder(io.Root()), kKept);
             }
         }
-        EXPECT_EQ(opens() - start, 4u + 1u + 5u);
+        EXPECT_EQ(opens() - start, kKept + 1u + (kKept + 1u));
 
-        // Chunk 4 was read last: its file is kept, and the read fails.
-        const FileSystem::Chunk chunk = Indexed(io, 4);
+        // Chunk kKept was read last: its file is kept, and the read fails.
+        const FileSystem::Chunk chunk = Indexed(io, kKept);
         const std::string name = chunk.location.file.GetAbsoluteFileName(io.Root(), false);
         env.FailAt(FaultInjectionEnv::Op::kRead, 1, EIO);
         Protocol::Chunk out;
         bool found = false;
         try {
-            reader.GetChunk(At(4 * kSecond), Protocol::KeyList(), out, found);
+            reader.GetChunk(At(kKept * kSecond), Protocol::KeyList(), out, found);
             ADD_FAILURE() << "a failed read returned a chunk";
         } catch (const std::runtime_error& e) {
             EXPECT_EQ(std::string(e.what()), "Cannot read chunk file " + name + " at offset " +
                                                  std::to_string(chunk.location.offset) +
                                                  ": Input/output error");
         }
-        EXPECT_EQ(OpenFilesUnder(io.Root()), 3);
-        ExpectChunk(reader, 4);
-        EXPECT_EQ(opens() - start, 4u + 1u + 5u + 1u);
+        EXPECT_EQ(OpenFilesUnder(io.Root()), kKept - 1);
+        ExpectChunk(reader, kKept);
+        EXPECT_EQ(opens() - start, kKept + 1u + (kKept + 1u) + 1u);
     }
     EXPECT_EQ(OpenFilesUnder(io.Root()), 0);
+}
+
+// Two readers of one track share its open files: what one opened and whose
+// header it read, the other reads with one system call per record. When the
+// writer then recycles a shared file, the generation one reader knew does not
+// make the other take the file's new records for old ones or the reverse.
+TEST(TrackReaderOpenFiles, ReadersOfATrackShareItsFilesAcrossARecycling) {
+    TrackIo io(23, 2, FileSize(4));
+    Write(io, 0, 8);
+    TempDir scratch;
+    FaultInjectionEnv env(scratch / "journal", scratch / "trash");
+    ScopedEnv installed(&env);
+    OpenChunkFilesRegistry registry;
+    auto makeReader = [&] {
+        auto reader =
+            std::make_unique<ChunkCacheTrackReader>(io.TrackId(), io.Manager(), io.Cache());
+        reader->SetTrackDirectory(io.Root());
+        reader->ShareOpenFiles(registry.For(io.TrackId()));
+        return reader;
+    };
+    std::unique_ptr<ChunkCacheTrackReader> first = makeReader();
+    std::unique_ptr<ChunkCacheTrackReader> second = makeReader();
+    auto opens = [&] { return env.Calls(FaultInjectionEnv::Op::kOpen); };
+    auto reads = [&] { return env.Calls(FaultInjectionEnv::Op::kRead); };
+
+    ExpectChunk(*first, 1);
+    ExpectChunk(*first, 6);
+    const uint64_t opened = opens();
+    const uint64_t read = reads();
+    ExpectChunk(*second, 2);
+    ExpectChunk(*second, 5);
+    EXPECT_EQ(opens(), opened);
+    EXPECT_EQ(reads() - read, 2u) << "one read per record, no header";
+    EXPECT_EQ(OpenFilesUnder(io.Root()), 2);
+
+    // Chunk 9 now lies where chunk 1 was, in a new generation of the file.
+    const FileSystem::Chunk before = Indexed(io, 1);
+    Write(io, 8, 10);
+    const uint64_t openedByWriter = opens();
+    const FileSystem::Chunk after = Indexed(io, 9);
+    ASSERT_EQ(after.location.file, before.location.file);
+    ASSERT_EQ(after.location.offset, before.location.offset);
+    ExpectChunk(*second, 9);
+    ExpectChunk(*first, 8);
+    ExpectChunk(*first, 9);
+    ExpectChunk(*second, 6);
+    Protocol::Chunk out;
+    bool found = true;
+    first->GetChunk(At(1 * kSecond), Protocol::KeyList(), out, found);
+    EXPECT_FALSE(found);
+    EXPECT_EQ(opens(), openedByWriter);
+
+    // The files close with the last reader; the next reader starts afresh.
+    first.reset();
+    EXPECT_EQ(OpenFilesUnder(io.Root()), 2);
+    second.reset();
+    EXPECT_EQ(OpenFilesUnder(io.Root()), 0);
+    EXPECT_EQ(registry.For(io.TrackId())->Size(), 0u);
 }

@@ -2,11 +2,13 @@
 
 #include <atomic>
 #include <latch>
+#include <memory>
 #include <thread>
 #include <vector>
 
 #include "Storage/Server/FileSystem/ChunkCacheTrackReader.h"
 #include "Storage/Server/FileSystem/LoopRecordingFileTrackWriter.h"
+#include "Storage/Server/FileSystem/OpenChunkFiles.h"
 #include "tests/Storage/Server/FileSystem/TrackIoFixture.h"
 
 using loopstore::test::At;
@@ -47,18 +49,20 @@ size_t WalkOnce(ChunkCacheTrackReader& reader, LoopRecordingFileManager& manager
     return read;
 }
 
-}  // namespace
-
-TEST(TrackReadersDuringWrites, ReadersSeeOnlyWholeChunksWhileTheTrackLoops) {
+// Readers walking the track while the writer loops it; `shared` (may be
+// null) are open files they all read through.
+void ReadWhileTheTrackLoops(int readerCount, std::shared_ptr<OpenChunkFiles> shared) {
     TrackIo io(31, 4, 32 * 1024);
-    std::latch start(3);
+    std::latch start(readerCount + 1);
     std::atomic<bool> done{false};
     std::vector<std::thread> readers;
     std::atomic<size_t> totalRead{0};
-    for (int r = 0; r < 2; ++r) {
+    for (int r = 0; r < readerCount; ++r) {
         readers.emplace_back([&] {
             ChunkCacheTrackReader reader(io.TrackId(), io.Manager(), io.Cache());
             reader.SetTrackDirectory(io.Root());
+            if (shared)
+                reader.ShareOpenFiles(shared);
             start.arrive_and_wait();
             while (!done.load())
                 totalRead += WalkOnce(reader, io.Manager());
@@ -79,4 +83,16 @@ TEST(TrackReadersDuringWrites, ReadersSeeOnlyWholeChunksWhileTheTrackLoops) {
         t.join();
     EXPECT_GT(totalRead.load(), 0u);
     EXPECT_TRUE(io.Manager().CheckInvariant());
+}
+
+}  // namespace
+
+TEST(TrackReadersDuringWrites, ReadersSeeOnlyWholeChunksWhileTheTrackLoops) {
+    ReadWhileTheTrackLoops(2, nullptr);
+}
+
+// Three readers share two places for the track's four files: files are let
+// go, reopened and their generations re-read under the readers' feet.
+TEST(TrackReadersDuringWrites, ReadersSharingFewOpenFilesSeeOnlyWholeChunks) {
+    ReadWhileTheTrackLoops(3, std::make_shared<OpenChunkFiles>(2));
 }
