@@ -36,6 +36,7 @@
 #include <system_error>
 #include <vector>
 
+#include "Platform/File/ChunkFileHeader.h"
 #include "Platform/Time/TimePoint.h"
 #include "Storage/Indexes/File/ChunkFile.h"
 #include "Storage/Indexes/Ram/Chunk.h"
@@ -52,7 +53,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int64_t kChunkNs = 40'000'000;  // 25 chunks per second
 const TimePoint kChunkDuration = TimePoint::FromNanoseconds(kChunkNs);
 constexpr unsigned long kChunkSize = 100'000;
-constexpr long kHeaderSize = 16;
+constexpr long kHeaderSize = static_cast<long>(Moreld::File::ChunkFileHeader::kSize);
 
 // Files so large that the current block never fills.
 constexpr long kHugeFileSize = long{1} << 40;
