@@ -77,11 +77,19 @@ long TrackWriterRpc::OpenedTrack(const rpc::WriteRequest& first) {
 
 void TrackWriterRpc::Accept(long trackId, const rpc::WriteRequest& request,
                             MoreldStorageApi::ITrackWriter& writer, rpc::WriteSummary& summary) {
-    if (!request.has_chunk()) {
+    if (request.has_chunk())
+        return AcceptChunk(trackId, request.chunk(), writer, summary);
+    if (!request.has_batch()) {
         throw std::invalid_argument("T" + std::to_string(trackId) +
                                     ": a write stream names its track only once");
     }
-    const Protocol::Chunk& chunk = request.chunk();
+    for (const Protocol::Chunk& chunk : request.batch().chunks())
+        AcceptChunk(trackId, chunk, writer, summary);
+}
+
+void TrackWriterRpc::AcceptChunk(long trackId, const Protocol::Chunk& chunk,
+                                 MoreldStorageApi::ITrackWriter& writer,
+                                 rpc::WriteSummary& summary) {
     const int64_t bytes = static_cast<int64_t>(chunk.data().size());
     int64_t end = 0;
     try {

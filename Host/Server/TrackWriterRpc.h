@@ -28,15 +28,18 @@ class TrackWriterRpc final : public rpc::TrackWriter::Service {
     // The argument checks of a stream, apart from the network. The track the
     // first message names; throws std::invalid_argument when it names none.
     static long OpenedTrack(const rpc::WriteRequest& first);
-    // Hands the chunk of a later message of the stream of `trackId` to
-    // `writer` and counts it in `summary`. Throws std::invalid_argument when
-    // the message is not a chunk or the chunk ends beyond the range of time
-    // points, and what the writer throws (`summary` is then unchanged); a
+    // Hands the chunk, or the batch's chunks in order, of a later message of
+    // the stream of `trackId` to `writer` and counts each in `summary`.
+    // Throws std::invalid_argument when the message carries no chunk or a
+    // chunk ends beyond the range of time points, and what the writer
+    // throws; `summary` then counts the chunks before the refused one. A
     // refused chunk's error ends with how many chunks the stream stored.
     static void Accept(long trackId, const rpc::WriteRequest& request,
                        MoreldStorageApi::ITrackWriter& writer, rpc::WriteSummary& summary);
 
   private:
+    static void AcceptChunk(long trackId, const Protocol::Chunk& chunk,
+                            MoreldStorageApi::ITrackWriter& writer, rpc::WriteSummary& summary);
     // " (N chunks of this stream stored)", after any loss the writer reports.
     static std::string StoredSoFar(MoreldStorageApi::ITrackWriter& writer);
     // A refusal is passed on with the number of chunks the stream stored.

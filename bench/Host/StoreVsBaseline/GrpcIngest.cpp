@@ -45,6 +45,9 @@ long CreateTrack(const std::shared_ptr<grpc::Channel>& channel, uint64_t bytes) 
     return answer.answer().id();
 }
 
+// A client that is behind sends what it has waiting in one message.
+constexpr uint64_t kBatchBytes = 256 << 10;
+
 // Sends every chunk of `stream` to track `id` through one write stream.
 void WriteTrack(const std::shared_ptr<grpc::Channel>& channel, long id, ChunkStream& stream) {
     auto stub = rpc::TrackWriter::NewStub(channel);
@@ -55,10 +58,15 @@ void WriteTrack(const std::shared_ptr<grpc::Channel>& channel, long id, ChunkStr
     request.mutable_open()->set_track_id(id);
     bool open = writer->Write(request);
     while (open && !stream.Done()) {
-        // The chunk is lent to the request, not copied.
-        request.set_allocated_chunk(&stream.Next());
+        rpc::ChunkBatch& batch = *request.mutable_batch();
+        batch.clear_chunks();
+        uint64_t bytes = 0;
+        while (bytes < kBatchBytes && !stream.Done()) {
+            Protocol::Chunk& chunk = *batch.add_chunks();
+            chunk.Swap(&stream.Next());
+            bytes += chunk.data().size();
+        }
         open = writer->Write(request);
-        static_cast<void>(request.release_chunk());
     }
     writer->WritesDone();
     const grpc::Status status = writer->Finish();

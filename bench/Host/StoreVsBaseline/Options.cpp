@@ -55,8 +55,9 @@ Options Options::Parse(int argc, char** argv) {
     app.add_option("--grpc-window", grpcWindow,
                    "The gRPC server's receive window per stream (0: gRPC grows it)");
     app.add_option("--contender", options.contenders,
-                   "Run only this side, for profiling: baseline, loopstore or all")
-        ->check(CLI::IsMember({"baseline", "loopstore", "all"}));
+                   "Run only this side, for profiling: baseline, loopstore, grpc (the server's "
+                   "ingest alone) or all")
+        ->check(CLI::IsMember({"baseline", "loopstore", "grpc", "all"}));
     app.add_flag("--ingest-only", options.ingestOnly, "Measure ingest only: no lookups, no scans");
     bool noGrpc = false;
     app.add_flag("--no-grpc", noGrpc, "Skip the ingest through the gRPC server");

@@ -84,11 +84,24 @@ std::vector<Figures> RunWorkload(const Options& options, const Workload& workloa
     return figures;
 }
 
+// For profiling the server: the gRPC ingest alone, without a ratio.
+void RunGrpcOnly(const Options& options, const Workload& workload, const fs::path& dir) {
+    GrpcIngest grpc((dir / "grpc").string(), workload, options.cacheMemoryBytes,
+                    options.grpcWindowBytes);
+    const double mbps = grpc.Run();
+    std::printf("gRPC ingest (workload %s): %.2f MB/s, peak RSS %.1f MiB\n", workload.name.c_str(),
+                mbps, static_cast<double>(grpc.PeakRssBytes()) / (1 << 20));
+}
+
 void RunAll(const Options& options, const fs::path& dir) {
     const ProcessProbe probe(dir.string());
     PrintConditions(dir, probe);
     const Report report(stdout);
     for (const Workload& workload : options.SelectedWorkloads()) {
+        if (options.contenders == "grpc") {
+            RunGrpcOnly(options, workload, dir);
+            continue;
+        }
         const std::vector<Figures> figures = RunWorkload(options, workload, dir, probe);
         report.Workload(workload, options.cacheMemoryBytes, figures);
         // The network adds its cost to the first workload's ingest.

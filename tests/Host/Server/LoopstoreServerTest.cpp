@@ -357,6 +357,14 @@ grpc::Status Write(ServerFixture& s, long track, const std::vector<rpc::WriteReq
     return stream->Finish();
 }
 
+// The chunks of `messages` in one batch message.
+rpc::WriteRequest BatchOf(const std::vector<rpc::WriteRequest>& messages) {
+    rpc::WriteRequest batch;
+    for (const rpc::WriteRequest& message : messages)
+        *batch.mutable_batch()->add_chunks() = message.chunk();
+    return batch;
+}
+
 TEST(LoopstoreServerTest, WhatTheStoreCannotKeepIsRefusedAndWhatItKeepsIsCounted) {
     ServerFixture s(6);
     const long track = s.CreateTrack(1, 2);
@@ -388,21 +396,32 @@ TEST(LoopstoreServerTest, WhatTheStoreCannotKeepIsRefusedAndWhatItKeepsIsCounted
     EXPECT_EQ(StatusCode::INVALID_ARGUMENT, late.error_code());
     EXPECT_NE(std::string::npos, late.error_message().find("(1 chunks of this stream stored)"))
         << late.error_message();
+    // Even in the middle of a batch.
+    const grpc::Status batchLate =
+        Write(s, track,
+              {BatchOf({ChunkAt(2 * kSecond, kSecond, 100), ChunkAt(3 * kSecond, 0, 100),
+                        ChunkAt(4 * kSecond, kSecond, 100)})},
+              partial);
+    EXPECT_EQ(StatusCode::INVALID_ARGUMENT, batchLate.error_code());
+    EXPECT_NE(std::string::npos, batchLate.error_message().find("(1 chunks of this stream stored)"))
+        << batchLate.error_message();
 
-    // What is accepted is stored, up to the end of time.
+    // What is accepted is stored, up to the end of time, batched or not.
     rpc::WriteSummary summary;
     ASSERT_TRUE(Write(s, track,
-                      {ChunkAt(2 * kSecond, kSecond, 100), ChunkAt(3 * kSecond, kSecond, 100),
-                       ChunkAt(last - 2 * kSecond, kSecond, 100)},
+                      {ChunkAt(3 * kSecond, kSecond, 100),
+                       BatchOf({ChunkAt(4 * kSecond, kSecond, 100),
+                                ChunkAt(last - 2 * kSecond, kSecond, 100)})},
                       summary)
                     .ok());
     EXPECT_EQ(3, summary.chunks());
+    EXPECT_EQ(300, summary.bytes());
     EXPECT_EQ(3, summary.stored());
     EXPECT_EQ(last - kSecond, summary.end().nanoseconds());
     rpc::Count count;
     ASSERT_TRUE(
         s.Tracks().GetNumberOfChunks(s.Context().get(), Between(track, 0, last), &count).ok());
-    EXPECT_EQ(4, count.value());
+    EXPECT_EQ(5, count.value());
 
     // A track left without files refuses chunks.
     Protocol::TrackParameters shrink, answer;
