@@ -78,13 +78,28 @@ bool ChunkBuffer::DrainOver() const {
 }
 
 ChunkBuffer::ChunkPtr ChunkBuffer::NextToSend() {
+    const std::vector<ChunkPtr> next = NextBatchToSend(0);
+    return next.empty() ? nullptr : next.front();
+}
+
+std::vector<ChunkBuffer::ChunkPtr> ChunkBuffer::NextBatchToSend(uint64_t maxBytes) {
     MutexLock lock(mutex_);
     while (sent_ == chunks_.size()) {
         if (drainBy_)
-            return nullptr;
+            return {};
         changed_.wait(lock);
     }
-    return DrainOver() ? nullptr : chunks_[sent_];
+    if (DrainOver())
+        return {};
+    std::vector<ChunkPtr> batch{chunks_[sent_]};
+    uint64_t bytes = batch.front()->data().size();
+    for (size_t i = sent_ + 1; i < chunks_.size(); ++i) {
+        bytes += chunks_[i]->data().size();
+        if (bytes > maxBytes)
+            break;
+        batch.push_back(chunks_[i]);
+    }
+    return batch;
 }
 
 void ChunkBuffer::MarkSent(const ChunkPtr& chunk) {

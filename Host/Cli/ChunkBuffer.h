@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Platform/Protocol/Protocol.pb.h"
 #include "Platform/Time/TimePoint.h"
@@ -49,7 +50,12 @@ class ChunkBuffer {
     // Waits for the oldest unsent chunk; null when the buffer is closed and
     // every chunk was sent, or the drain time is over.
     ChunkPtr NextToSend();
-    // `chunk`, returned by NextToSend, went into the current stream.
+    // Waits as NextToSend, then gives the oldest unsent chunk and those after
+    // it while they add up to at most `maxBytes` of payload (the first comes
+    // whatever its size). Empty where NextToSend gives null.
+    std::vector<ChunkPtr> NextBatchToSend(uint64_t maxBytes);
+    // `chunk`, returned by NextToSend, went into the current stream; the
+    // chunks of a batch are marked one by one, in order.
     void MarkSent(const ChunkPtr& chunk);
     // The server stores everything before `storedEnd`: forgets those chunks.
     // With `resend`, every chunk left counts as unsent again (a new stream).

@@ -12,6 +12,9 @@ namespace {
 constexpr auto kFirstDelay = std::chrono::milliseconds(100);
 constexpr auto kLongestDelay = std::chrono::seconds(5);
 constexpr auto kConfirmEvery = std::chrono::seconds(2);
+// A backlog (after a reconnection, or a fast source) goes in messages of a
+// few chunks: fewer wake-ups on both sides for the same bytes.
+constexpr uint64_t kBatchBytes = 256 << 10;
 
 double SecondsSince(std::chrono::steady_clock::time_point since) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
@@ -53,20 +56,24 @@ void TrackSender::Run() {
 }
 
 void TrackSender::SendAll() {
-    while (ChunkBuffer::ChunkPtr chunk = buffer_.NextToSend()) {
+    for (;;) {
+        const std::vector<ChunkBuffer::ChunkPtr> batch = buffer_.NextBatchToSend(kBatchBytes);
+        if (batch.empty())
+            return;
         // A new stream starts again at what the server lacks, which may lie
-        // before `chunk`: ask the buffer again.
+        // before `batch`: ask the buffer again.
         if (!stream_)
             Connect();
         else
-            Send(chunk);
+            Send(batch);
     }
 }
 
-void TrackSender::Send(const ChunkBuffer::ChunkPtr& chunk) {
+void TrackSender::Send(const std::vector<ChunkBuffer::ChunkPtr>& batch) {
     try {
-        stream_->Write(*chunk);
-        buffer_.MarkSent(chunk);
+        stream_->Write(batch);
+        for (const ChunkBuffer::ChunkPtr& chunk : batch)
+            buffer_.MarkSent(chunk);
         ConfirmNowAndThen();
     } catch (const ServerUnavailable& why) {
         Disconnected(why);

@@ -46,7 +46,7 @@ class TrackSender {
     // Opens a stream and forgets what the track already stores. False (after
     // waiting the backoff delay) when the server is away.
     bool Connect();
-    void Send(const ChunkBuffer::ChunkPtr& chunk);
+    void Send(const std::vector<ChunkBuffer::ChunkPtr>& batch);
     // Asks now and then how far the track is stored, so that the buffer
     // holds only what may have to be sent again.
     void ConfirmNowAndThen();

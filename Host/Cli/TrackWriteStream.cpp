@@ -28,18 +28,35 @@ TrackWriteStream::~TrackWriteStream() {
     }
 }
 
+// The chunks are borrowed by the request for the call, never copied, and
+// handed back before it goes so that it does not delete them.
+
 void TrackWriteStream::Write(const Protocol::Chunk& chunk) {
     rpc::WriteRequest request;
-    // The payload is borrowed for the call, never copied.
     request.set_allocated_chunk(const_cast<Protocol::Chunk*>(&chunk));
     const bool ok = stream_->Write(request);
-    // Hand the borrowed chunk back so that the request does not delete it.
     static_cast<void>(request.release_chunk());
-    if (!ok) {
-        Finish();
-        throw CliError("track " + std::to_string(trackId_) +
-                       ": the server closed the write stream");
-    }
+    if (!ok)
+        Closed();
+}
+
+void TrackWriteStream::Write(const std::vector<std::shared_ptr<const Protocol::Chunk>>& chunks) {
+    if (chunks.size() == 1)
+        return Write(*chunks.front());
+    rpc::WriteRequest request;
+    auto& borrowed = *request.mutable_batch()->mutable_chunks();
+    for (const auto& chunk : chunks)
+        borrowed.AddAllocated(const_cast<Protocol::Chunk*>(chunk.get()));
+    const bool ok = stream_->Write(request);
+    while (!borrowed.empty())
+        static_cast<void>(borrowed.ReleaseLast());
+    if (!ok)
+        Closed();
+}
+
+void TrackWriteStream::Closed() {
+    Finish();  // throws the server's reason, when it gave one
+    throw CliError("track " + std::to_string(trackId_) + ": the server closed the write stream");
 }
 
 rpc::WriteSummary TrackWriteStream::Finish() {

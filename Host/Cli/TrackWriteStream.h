@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "Host/Rpc/Loopstore.grpc.pb.h"
 
@@ -25,10 +26,15 @@ class TrackWriteStream {
     // Sends one chunk. A broken stream throws CliError with the server's
     // reason; the chunks accepted before are kept.
     void Write(const Protocol::Chunk& chunk);
+    // Sends `chunks` in one message, in order; as Write otherwise.
+    void Write(const std::vector<std::shared_ptr<const Protocol::Chunk>>& chunks);
     // Closes the stream; throws CliError when the server refused it.
     rpc::WriteSummary Finish();
 
   private:
+    // The server closed the stream: throws its reason, or says it closed.
+    [[noreturn]] void Closed();
+
     const StorageClient& client_;
     const int64_t trackId_;
     grpc::ClientContext context_;

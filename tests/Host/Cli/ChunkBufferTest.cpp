@@ -27,13 +27,15 @@ int Index(const ChunkBuffer::ChunkPtr& chunk) {
     return static_cast<int>(Converter::From(chunk->timepoint()).ToNanoseconds() / 1'000'000'000);
 }
 
-// Sends whatever is unsent; the indexes in order.
-std::vector<int> SendAll(ChunkBuffer& buffer) {
+// Sends whatever is unsent, in batches of up to `batchBytes` (each chunk
+// carries 10 bytes); the indexes in order.
+std::vector<int> SendAll(ChunkBuffer& buffer, uint64_t batchBytes = 0) {
     std::vector<int> sent;
     while (buffer.Unsent() > 0) {
-        const ChunkBuffer::ChunkPtr chunk = buffer.NextToSend();
-        sent.push_back(Index(chunk));
-        buffer.MarkSent(chunk);
+        for (const ChunkBuffer::ChunkPtr& chunk : buffer.NextBatchToSend(batchBytes)) {
+            sent.push_back(Index(chunk));
+            buffer.MarkSent(chunk);
+        }
     }
     return sent;
 }
@@ -63,7 +65,10 @@ TEST(ChunkBufferTest, AfterAReconnectionWhatWasNotStoredIsSentAgainOldestDropped
     // The new server stored up to the end of chunk 2 only: nothing held
     // before that, so everything held is sent again.
     buffer.Confirm(TimePoint::FromSeconds(3), true);
-    EXPECT_EQ(SendAll(buffer), (std::vector<int>{6, 7, 8, 9, 10, 11}));
+    const std::vector<ChunkBuffer::ChunkPtr> batch = buffer.NextBatchToSend(25);
+    ASSERT_EQ(batch.size(), 2u);
+    EXPECT_EQ(Index(batch[1]), 7);
+    EXPECT_EQ(SendAll(buffer, 25), (std::vector<int>{6, 7, 8, 9, 10, 11}));
     // Stored up to 8's end: 6..8 are forgotten, the rest is kept in case.
     buffer.Confirm(TimePoint::FromSeconds(9), false);
     EXPECT_EQ(buffer.Confirmed(), 3u);
@@ -75,6 +80,8 @@ TEST(ChunkBufferTest, AfterAReconnectionWhatWasNotStoredIsSentAgainOldestDropped
     large.set_data(std::string(100, 'x'));
     buffer.Push(large);
     EXPECT_EQ(buffer.Unsent(), 1u);
+    // And sent, alone, in a batch smaller than itself.
+    EXPECT_EQ(SendAll(buffer, 25), (std::vector<int>{12}));
 }
 
 // The sender waits for chunks on its own thread and ends when the buffer is
@@ -83,9 +90,14 @@ TEST(ChunkBufferTest, TheSenderDrainsAClosedBufferAndAFailureStopsThePusher) {
     ChunkBuffer buffer(1 << 20);
     std::vector<int> sent;
     std::thread sender([&] {
-        while (ChunkBuffer::ChunkPtr chunk = buffer.NextToSend()) {
-            sent.push_back(Index(chunk));
-            buffer.MarkSent(chunk);
+        for (;;) {
+            const std::vector<ChunkBuffer::ChunkPtr> batch = buffer.NextBatchToSend(35);
+            if (batch.empty())
+                return;
+            for (const ChunkBuffer::ChunkPtr& chunk : batch) {
+                sent.push_back(Index(chunk));
+                buffer.MarkSent(chunk);
+            }
         }
     });
     for (int i = 0; i < 100; ++i)
