@@ -317,6 +317,13 @@ void GrpcSeeds(SeedWriter& out) {
     chunk.mutable_chunk()->mutable_duration()->set_nanoseconds(2 * 3'600'000'000'000);
     out.Write("grpc_requests", "write-chunk-ends-past-2262",
               Stream(22, {open.SerializeAsString(), chunk.SerializeAsString()}));
+    loopstore::rpc::WriteRequest batch;
+    Moreld::Plexa::Converter::Fill(SampleChunks()[0], *batch.mutable_batch()->add_chunks(),
+                                   {"tav-chunk-number"});
+    Moreld::Plexa::Converter::Fill(SampleChunks()[1], *batch.mutable_batch()->add_chunks(),
+                                   {"tav-chunk-number"});
+    out.Write("grpc_requests", "write-stream-batch",
+              Stream(22, {open.SerializeAsString(), batch.SerializeAsString()}));
     loopstore::rpc::ReadRequest session, next;
     session.mutable_open()->set_track_id(1);
     session.mutable_at()->set_nanoseconds(5);
